@@ -1,0 +1,113 @@
+#include "platform/dbus/EventLoop.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <systemd/sd-event.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+namespace dbus {
+
+namespace {
+
+using Work = std::function<void()>;
+
+void check(int r, const char* call) {
+  if (r < 0) {
+    throw std::system_error(-r, std::generic_category(), call);
+  }
+}
+
+/// Hands `work` over to an event source, which the loop owns from now on.
+void adopt(sd_event_source* source, Work* work) {
+  sd_event_source_set_destroy_callback(source, [](void* data) { delete static_cast<Work*>(data); });
+  sd_event_source_set_userdata(source, work);
+  sd_event_source_set_floating(source, 1);
+  sd_event_source_unref(source);
+}
+
+}  // namespace
+
+void EventLoop::EventUnref::operator()(sd_event* loop) const { sd_event_unref(loop); }
+
+EventLoop::EventLoop() {
+  sd_event* loop = nullptr;
+  check(sd_event_new(&loop), "sd_event_new");
+  event.reset(loop);
+  wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  check(wakeUp < 0 ? -errno : 0, "eventfd");
+  const auto served = [](sd_event_source*, int, std::uint32_t, void* self) {
+    static_cast<EventLoop*>(self)->runPosted();
+    return 0;
+  };
+  const int r = sd_event_add_io(loop, nullptr, wakeUp, EPOLLIN, served, this);
+  if (r < 0) {
+    close(wakeUp);
+  }
+  check(r, "sd_event_add_io");
+}
+
+EventLoop::~EventLoop() {
+  event.reset();
+  close(wakeUp);
+}
+
+void EventLoop::run() { sd_event_loop(event.get()); }
+
+void EventLoop::stop() {
+  post([this] { sd_event_exit(event.get(), 0); });
+}
+
+void EventLoop::post(Work work) {
+  const std::lock_guard lock(mutex);
+  posted.push_back(std::move(work));
+  eventfd_write(wakeUp, 1);
+}
+
+void EventLoop::runPosted() {
+  eventfd_t count = 0;
+  eventfd_read(wakeUp, &count);
+  std::deque<Work> batch;
+  {
+    const std::lock_guard lock(mutex);
+    batch.swap(posted);
+  }
+  for (; !batch.empty(); batch.pop_front()) {
+    batch.front()();
+  }
+}
+
+void EventLoop::after(std::chrono::milliseconds delay, Work work) {
+  const auto elapsed = [](sd_event_source*, std::uint64_t, void* data) {
+    (*static_cast<Work*>(data))();
+    return 0;
+  };
+  const auto microseconds = std::chrono::microseconds(delay);
+  sd_event_source* source = nullptr;
+  check(sd_event_add_time_relative(event.get(), &source, CLOCK_MONOTONIC,
+                                   static_cast<std::uint64_t>(microseconds.count()), 0, elapsed,
+                                   nullptr),
+        "sd_event_add_time_relative");
+  adopt(source, new Work(std::move(work)));
+}
+
+void EventLoop::onSignal(int signal, Work work) {
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, signal);
+  pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+  const auto arrived = [](sd_event_source*, const signalfd_siginfo*, void* data) {
+    (*static_cast<Work*>(data))();
+    return 0;
+  };
+  sd_event_source* source = nullptr;
+  check(sd_event_add_signal(event.get(), &source, signal, arrived, nullptr), "sd_event_add_signal");
+  adopt(source, new Work(std::move(work)));
+}
+
+}  // namespace dbus

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "platform/dbus/Command.h"
+#include "platform/dbus/Peer.h"
+#include "platform/dbus/SdBus.h"
+#include "platform/message/CommandResult.h"
+#include "platform/message/MessageDict.h"
+
+// How commands, results and messages stand on the wire. Functions that return an int return a
+// negative errno for failure, as sd-bus does.
+
+namespace dbus {
+
+/// Makes the message of a call. It never starts a service that is not running.
+int makeCall(sd_bus* bus, const Peer& peer, const Command& command, MessagePtr& call);
+
+/// Reads a call that has the signature of the peer's `Perform`.
+int readCall(sd_bus_message* call, const Peer& peer, Command& command);
+
+/// Sends the answer to a call. A null reply travels as an empty dictionary.
+int sendReply(sd_bus_message* call, const CommandResult& result, const MessageValue& reply);
+
+/// Reads the answer to a call, be it a reply or an error of the bus. `reply` is null unless there
+/// was a well-formed one.
+CommandResult readReply(sd_bus_message* answer, const Peer& peer, MessageValue& reply);
+
+/// What an error of the bus means to the caller of `peer`.
+CommandResult resultOf(const sd_bus_error& error, const Peer& peer);
+
+/// Whether an errno says that the connection to the bus is gone.
+bool isDisconnect(int error);
+
+/// Reads a variant: a value of a kind that messages do not have becomes null, and integers of all
+/// widths become 64-bit ones.
+int readVariant(sd_bus_message* message, MessageValue& value);
+
+/// Reads a dictionary of variants.
+int readDict(sd_bus_message* message, MessageDict& dict);
+
+}  // namespace dbus
