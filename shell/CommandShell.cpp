@@ -1,0 +1,134 @@
+#include "shell/CommandShell.h"
+
+#include <iostream>
+#include <utility>
+
+#include "shell/Colors.h"
+#include "shell/Words.h"
+
+namespace {
+
+void printUnknownWord(const std::string& word) {
+  // The help that follows ends the message's line.
+  std::cout << std::endl << "Invalid command option '" << kRed << word << kDefaultColor << "'";
+}
+
+}  // namespace
+
+CommandShell::~CommandShell() = default;
+
+bool CommandShell::run(std::list<std::string> args) {
+  rootCommand = createRootCommand();
+  if (!rootCommand) {
+    return false;
+  }
+  currentCommand = rootCommand;
+  if (!args.empty()) {
+    args.pop_front();  // the program's own name
+  }
+  if (!args.empty()) {
+    return executeAll(splitCommands(std::move(args))) != Outcome::kFailed;
+  }
+  workingCommand = rootCommand;
+  printPrompt();
+  for (std::string line; std::getline(std::cin, line); printPrompt()) {
+    if (executeAll(splitCommands(splitWords(line))) == Outcome::kQuit) {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// Executes commands up to the first one that fails or quits.
+CommandShell::Outcome CommandShell::executeAll(std::vector<Words> commands) {
+  for (Words& command : commands) {
+    const Outcome outcome = execute(std::move(command));
+    currentCommand = workingCommand ? workingCommand : rootCommand;
+    if (outcome != Outcome::kSucceeded) {
+      return outcome;
+    }
+  }
+  return Outcome::kSucceeded;
+}
+
+CommandShell::Outcome CommandShell::execute(Words command) {
+  const auto result = [](bool succeeded) {
+    return succeeded ? Outcome::kSucceeded : Outcome::kFailed;
+  };
+  const bool isSingleWord = command.size() == 1;
+  for (;;) {
+    const std::string word = std::move(command.front());
+    command.pop_front();
+
+    if (word == "cd") {
+      const bool changed = changeCommand(command);
+      if (!changed) {
+        currentCommand->printHelp();
+      }
+      return result(changed);
+    }
+    if (currentCommand->hasOption(word)) {
+      return result(currentCommand->isOptionAllowed(word) &&
+                    currentCommand->executeOption(word, command));
+    }
+    if (currentCommand->hasSubCommand(word)) {
+      if (!currentCommand->isOptionAllowed(word)) {
+        return Outcome::kFailed;
+      }
+      currentCommand = currentCommand->getSubCommand(word);
+      if (command.empty()) {
+        currentCommand->printHelp();
+        return Outcome::kFailed;
+      }
+      continue;
+    }
+    if (word == "help" && command.empty()) {
+      currentCommand->printHelp();
+      return Outcome::kSucceeded;
+    }
+    if (isSingleWord && word == "back") {
+      goBack();
+      return Outcome::kSucceeded;
+    }
+    if (isSingleWord && (word == "quit" || word == "exit")) {
+      return Outcome::kQuit;
+    }
+    printUnknownWord(word);
+    currentCommand->printHelp();
+    return Outcome::kFailed;
+  }
+}
+
+void CommandShell::goBack() {
+  if (!workingCommand) {
+    return;
+  }
+  if (std::shared_ptr<CommandBase> parent = workingCommand->getParent().lock()) {
+    workingCommand = std::move(parent);
+  }
+}
+
+/// Follows a path from the current node. A path that cannot be followed to its end leaves the
+/// current node where it stopped.
+bool CommandShell::changeCommand(const Words& args) {
+  if (args.size() != 1) {
+    return false;
+  }
+  for (const std::string& component : split(args.front(), '/')) {
+    if (currentCommand->hasSubCommand(component)) {
+      currentCommand = currentCommand->getSubCommand(component);
+    } else if (component == "..") {
+      if (std::shared_ptr<CommandBase> parent = currentCommand->getParent().lock()) {
+        currentCommand = std::move(parent);
+      }
+    } else {
+      return false;
+    }
+  }
+  if (workingCommand) {
+    workingCommand = currentCommand;
+  }
+  return true;
+}
+
+void CommandShell::printPrompt() const { std::cout << "(" << workingCommand->getPath() << ")>> "; }
