@@ -1,0 +1,5 @@
+#include "Tools/KSTTool/ServerRunning.h"
+
+std::atomic<bool> gServerRunning = false;
+
+bool isServerRunning() { return gServerRunning.load(std::memory_order_relaxed); }
