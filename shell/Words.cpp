@@ -2,18 +2,24 @@
 
 #include <algorithm>
 #include <iterator>
-#include <string_view>
+
+namespace {
+
+/// White space of ASCII, whatever the locale.
+bool isWhitespace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+}  // namespace
 
 std::list<std::string> splitWords(const std::string& line) {
-  constexpr std::string_view kWhitespace = " \t\n\v\f\r";
   std::list<std::string> words;
-  std::string::size_type end = 0;
-  for (auto begin = line.find_first_not_of(kWhitespace); begin != std::string::npos;
-       begin = line.find_first_not_of(kWhitespace, end)) {
-    end = std::min(line.find_first_of(kWhitespace, begin), line.size());
-    words.push_back(line.substr(begin, end - begin));
+  for (auto begin = line.begin(), end = begin;; begin = end) {
+    begin = std::find_if_not(begin, line.end(), isWhitespace);
+    if (begin == line.end()) {
+      return words;
+    }
+    end = std::find_if(begin, line.end(), isWhitespace);
+    words.emplace_back(begin, end);
   }
-  return words;
 }
 
 std::vector<std::list<std::string>> splitCommands(std::list<std::string> words) {

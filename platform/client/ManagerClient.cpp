@@ -140,7 +140,7 @@ void EventsOn(std::shared_ptr<ManagerClient> manager) { manager->setEvents(true)
 void PerformCommand(std::shared_ptr<ManagerClient> manager, const std::string& command,
                     ReplyCallback callback, const MessageDict& request) {
   // The callback is moved all the way, never copied, so that the only copy dies on the queue.
-  auto answered = [queue = manager->callbackQueue(), command, request,
+  auto answered = [queue = manager->callbackQueue(), command = command, request = request,
                    callback = std::move(callback)](CommandResult result,
                                                    MessageValue reply) mutable {
     queue.submit([command = std::move(command), request = std::move(request),

@@ -174,7 +174,7 @@ void ClientConnection::Io::send(const Command& command, Answer answer) {
                                    [](void* data) { delete static_cast<PendingCall*>(data); });
   sd_bus_slot_set_floating(slot, 1);
   sd_bus_slot_unref(slot);
-  pending.release();
+  static_cast<void>(pending.release());
 }
 
 int ClientConnection::Io::onReply(sd_bus_message* message, void* pendingCall,

@@ -204,7 +204,7 @@ CommandResult readReply(sd_bus_message* answer, const Peer& peer, MessageValue& 
   if (const sd_bus_error* error = sd_bus_message_get_error(answer)) {
     return resultOf(*error, peer);
   }
-  const CommandResult malformed{kst::kResultMalformedReply, "the service's reply is malformed"};
+  CommandResult malformed{kst::kResultMalformedReply, "the service's reply is malformed"};
   if (sd_bus_message_has_signature(answer, "isv") <= 0) {
     return malformed;
   }

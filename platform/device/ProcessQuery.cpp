@@ -9,7 +9,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The kernel keeps this much of an executable's name in the process table.
+/// The process table holds this much of an executable's name.
 constexpr std::size_t kTableNameLength = 15;
 
 /// The file up to its first NUL byte; empty when it cannot be read.
@@ -35,11 +35,11 @@ bool runsAs(const fs::path& process, const std::string& name) {
     return false;
   }
   const std::string tableName = stat.substr(open + 1, close - open - 1);
-  if (name.size() <= kTableNameLength) {
-    return tableName == name;
+  if (tableName != name.substr(0, kTableNameLength)) {
+    return false;
   }
-  return tableName == name.substr(0, kTableNameLength) &&
-         fs::path(firstText(process / "cmdline")).filename() == name;
+  const bool isWhole = tableName.size() < kTableNameLength;
+  return isWhole || fs::path(firstText(process / "cmdline")).filename() == name;
 }
 
 }  // namespace

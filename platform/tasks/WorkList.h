@@ -9,8 +9,8 @@
 /// common.
 class WorkList {
  public:
-  /// Appends `work`. Callable from any thread.
-  void push(std::function<void()> work);
+  /// Appends `item`. Callable from any thread.
+  void push(std::function<void()> item);
 
   /// Lets `serve` return once nothing is left. Callable from any thread.
   void close();

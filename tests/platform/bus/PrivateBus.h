@@ -1,0 +1,27 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+
+/// A message bus of the test's own, which DBUS_SYSTEM_BUS_ADDRESS names as long as this lives. It
+/// can go away and come back.
+class PrivateBus {
+ public:
+  /// Names the bus without starting it.
+  PrivateBus();
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+  ~PrivateBus();
+
+  /// Starts the bus and waits until it takes connections.
+  void start();
+
+  /// Kills the bus: every connection to it breaks.
+  void kill();
+
+ private:
+  std::filesystem::path folder;
+  pid_t daemon = -1;
+};

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "platform/dbus/EventLoop.h"
+#include "platform/dbus/Peer.h"
+#include "platform/dbus/SdBus.h"
+
+/// A service that answers `Perform` in any way that the wire allows, wrong ones included. Goes off
+/// the bus, without a word, when destroyed.
+class ScriptedService {
+ public:
+  /// Answers a call, or leaves it unanswered; called on the service's thread.
+  using Script = std::function<void(sd_bus_message* call)>;
+
+  ScriptedService(const dbus::Peer& ownPeer, Script script, const std::string& state = "Started");
+  ScriptedService(const ScriptedService&) = delete;
+  ScriptedService& operator=(const ScriptedService&) = delete;
+  ~ScriptedService();
+
+  /// Changes the server state and announces it. Several changes come out in order.
+  void setState(const std::string& state);
+
+ private:
+  static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
+
+  const dbus::Peer peer;
+  const Script perform;
+  std::string serverState;  // on the service's thread
+  dbus::EventLoop loop;
+  dbus::BusPtr bus;
+  std::thread thread;
+};
