@@ -51,6 +51,14 @@ MessageDict dictOf(const std::string& key, MessageValue value) {
 
 class ManagerClientTest : public testing::Test {
  protected:
+  /// Ends what still calls back into the test.
+  void TearDown() override {
+    manager.reset();
+    std::promise<void> drained;
+    queue.submit([&] { drained.set_value(); });
+    drained.get_future().wait();
+  }
+
   void connect() { manager = kst::client::CreateManager("test", queue); }
 
   CommandResult performAndWait(const std::string& command, MessageValue& reply,
@@ -75,10 +83,10 @@ class ManagerClientTest : public testing::Test {
   }
 
   PrivateBus bus;
-  TaskQueue queue = TaskQueue::create("test.queue");
-  std::shared_ptr<ManagerClient> manager;
   Mailbox<Outcome> outcomes;
   Mailbox<std::string> states;
+  TaskQueue queue = TaskQueue::create("test.queue");
+  std::shared_ptr<ManagerClient> manager;
 };
 
 const ScriptedService::Script kSilent = [](sd_bus_message*) {};
@@ -196,7 +204,7 @@ TEST_F(ManagerClientTest, RequestArrivesWholeAndStartsNoService) {
 TEST_F(ManagerClientTest, WithoutAServiceNothingRunsAndTraceSettingsComeFromTheDevice) {
   const std::string config = testing::TempDir() + "/manager_client_test.conf";
   std::ofstream(config) << "trace.BasebandTrace.Enabled = true\n";
-  setenv("KESTRANE_DEVICE_CONF", config.c_str(), 1);
+  setenv("KESTRANE_DEVICE_CONF", config.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   MessageDict request = dictOf(kst::kKeyTraceName, kst::kTraceBaseband);
   request.set(kst::kKeyTracePropertyName, kst::kKeyTraceEnabled);
 
