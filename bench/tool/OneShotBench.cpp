@@ -1,0 +1,119 @@
+// Measures `ksttool logdump tel x` against a manager that answers at once, and the idle prompt. Run
+// it on a simulated device without a manager of its own: kst-simulator --absent manager --
+// one_shot_bench
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/client/Constants.h"
+#include "platform/dbus/Service.h"
+
+namespace {
+
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+void answerAtOnce(const std::shared_ptr<dbus::PerformCall>& call) {
+  MessageDict reply;
+  reply.set(kst::kKeyTimestampString, "2026-01-01-00-00-00-000");
+  call->answer({}, reply);
+}
+
+struct Run {
+  Milliseconds wall;
+  long peakKilobytes;
+};
+
+Run runOnce() {
+  const auto start = std::chrono::steady_clock::now();
+  const pid_t child = vfork();
+  if (child == 0) {
+    execlp("ksttool", "ksttool", "logdump", "tel", "x", nullptr);
+    _exit(127);
+  }
+  int status = 0;
+  rusage usage{};
+  wait4(child, &status, 0, &usage);
+  const Milliseconds wall = std::chrono::steady_clock::now() - start;
+  if (status != 0) {
+    std::fprintf(stderr, "ksttool failed\n");
+    std::exit(EXIT_FAILURE);
+  }
+  return {wall, usage.ru_maxrss};
+}
+
+/// What the kernel has counted of a process.
+std::string statusLine(pid_t process, const std::string& key) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with(key)) {
+      return line;
+    }
+  }
+  return key + " ?";
+}
+
+/// The CPU time of all threads, in nanoseconds.
+unsigned long cpuTime(pid_t process) {
+  timespec time{};
+  clockid_t clock{};
+  clock_getcpuclockid(process, &clock);
+  clock_gettime(clock, &time);
+  return static_cast<unsigned long>(time.tv_sec) * 1'000'000'000UL +
+         static_cast<unsigned long>(time.tv_nsec);
+}
+
+void measureIdlePrompt() {
+  std::array<int, 2> input{};
+  if (pipe(input.data()) != 0) {
+    std::exit(EXIT_FAILURE);
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(input[0], STDIN_FILENO);
+    close(input[1]);
+    execlp("ksttool", "ksttool", nullptr);
+    _exit(127);
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const unsigned long before = cpuTime(child);
+  std::this_thread::sleep_for(std::chrono::seconds(10));
+  std::printf("\nCPU time in 10 s at the prompt: %lu ns\n%s\n", cpuTime(child) - before,
+              statusLine(child, "VmHWM").c_str());
+  close(input[1]);
+  waitpid(child, nullptr, 0);
+}
+
+}  // namespace
+
+int main() {
+  dbus::EventLoop loop;
+  dbus::Service manager(loop, dbus::kManager, answerAtOnce, [] { std::exit(EXIT_FAILURE); });
+  manager.setServerState(kst::kServerStateStarted);
+  std::thread serving([&] { loop.run(); });
+
+  std::vector<Milliseconds> walls;
+  long peak = 0;
+  for (int i = 0; i < 11; ++i) {
+    const Run run = runOnce();
+    walls.push_back(run.wall);
+    peak = std::max(peak, run.peakKilobytes);
+  }
+  std::sort(walls.begin(), walls.end());
+  std::printf("wall time over the half second, median of 11: %.2f ms (least %.2f, most %.2f)\n",
+              walls[5].count() - 500, walls.front().count() - 500, walls.back().count() - 500);
+  std::printf("peak memory: %ld KiB\n", peak);
+  measureIdlePrompt();
+  loop.stop();
+  serving.join();
+}

@@ -1,0 +1,92 @@
+#include "tests/e2e/Device.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// A device.conf for a phone with everything, changed by `settings`.
+std::string writeConfig(const std::map<std::string, std::string>& settings) {
+  std::map<std::string, std::string> values = {{"radio", "1"},
+                                               {"radio_vendor", "1"},
+                                               {"product", "1"},
+                                               {"internal_build", "true"},
+                                               {"trace_allowed", "true"},
+                                               {"trace.BasebandTrace.Enabled", "true"}};
+  for (const auto& [key, value] : settings) {
+    values[key] = value;
+  }
+  const std::string path = testing::TempDir() + "kst-e2e-" + std::to_string(getpid()) + ".conf";
+  std::ofstream file(path);
+  for (const auto& [key, value] : values) {
+    file << key << " = " << value << "\n";
+  }
+  return path;
+}
+
+std::vector<std::string> simulatorCommand(const std::vector<std::string>& absent,
+                                          const std::string& config) {
+  std::vector<std::string> command = {"kst-simulator", "--conf", config};
+  for (const std::string& part : absent) {
+    command.insert(command.end(), {"--absent", part});
+  }
+  // Tells the environment, then lives until its input ends.
+  command.insert(command.end(), {"--", "sh", "-c", "env; echo ready; read -r end"});
+  return command;
+}
+
+}  // namespace
+
+Device::Device(const std::vector<std::string>& absent,
+               const std::map<std::string, std::string>& settings)
+    : simulator(simulatorCommand(absent, writeConfig(settings))) {
+  std::istringstream lines(simulator.readUntil("\nready\n"));
+  for (std::string line; std::getline(lines, line);) {
+    for (const std::string name :
+         {"DBUS_SYSTEM_BUS_ADDRESS", "KESTRANE_DEVICE_CONF", "KESTRANE_ROOT", "PATH"}) {
+      if (line.starts_with(name + "=")) {
+        environment[name] = line.substr(name.size() + 1);
+      }
+    }
+  }
+}
+
+Finished Device::ksttool(const std::vector<std::string>& words, const std::string& input) const {
+  std::vector<std::string> command = {"ksttool"};
+  command.insert(command.end(), words.begin(), words.end());
+  return runProgram(command, environment, input);
+}
+
+pid_t Device::processOf(const std::string& program) const {
+  for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+    std::ifstream file(entry.path() / "stat");
+    std::string id;
+    std::string name;
+    std::string state;
+    pid_t parent = 0;
+    file >> id >> name >> state >> parent;
+    if (parent == simulator.id() && name == "(" + program + ")" && state != "Z") {
+      return std::stoi(id);
+    }
+  }
+  return -1;
+}
+
+void Device::kill(const std::string& program) const {
+  const pid_t process = processOf(program);
+  ASSERT_GT(process, 0) << program;
+  ::kill(process, SIGKILL);
+  while (processOf(program) == process) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+fs::path Device::below(const std::string& path) const {
+  return environment.at("KESTRANE_ROOT") + path;
+}

@@ -1,0 +1,215 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+
+#include "tests/e2e/Device.h"
+#include "trace/Trace.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kTail =
+    "\t              cd  -  <sub-command>\n\t            help\n\t            back\n\t            "
+    "quit\n\n";
+const std::string kRootHelp =
+    "\nOptions for command '\033[32mksttool\033[39m':\n\n\t         logdump  -  [bb|core|tel]\n\n" +
+    kTail;
+const std::string kGroupHelp =
+    "\nOptions for command '\033[32mlogdump\033[39m':\n\n"
+    "\t              bb  -  [nocompress] <reason> collect baseband logs only\n\n"
+    "\t            core  -  [nocompress] <reason> collect telephony logs with coredump\n\n"
+    "\t             tel  -  [nocompress] <reason> collect telephony logs\n\n" +
+    kTail;
+const std::string kRefusal = "Server is not running. Please try after server starts.\n";
+
+std::string unknown(const std::string& word) {
+  return "\nInvalid command option '\033[31m" + word + "\033[39m'";
+}
+
+std::string contentsOf(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(OneShotTest, WordsDecideOutputAndStatus) {
+  struct Case {
+    std::vector<std::string> words;
+    int status;
+    std::string output;
+    std::string errors;
+  };
+  const Case cases[] = {
+      {{"--"}, 0, "", ""},
+      {{"help"}, 0, kRootHelp, ""},
+      {{"logdump"}, 1, kGroupHelp, ""},
+      {{"logdump", "help"}, 0, kGroupHelp, ""},
+      {{"quit", "--", "logdump"}, 0, "", ""},
+      {{"xyz", "--", "help"}, 1, unknown("xyz") + kRootHelp, ""},
+      {{"logdump tel"}, 1, unknown("logdump tel") + kRootHelp, ""},
+      {{"cd", "logdump", "--", "tel"}, 1, unknown("tel") + kRootHelp, ""},
+      {{"cd", "logdump/nosuch"}, 1, kGroupHelp, ""},
+      {{"\xff\xfe"}, 1, unknown("\xff\xfe") + kRootHelp, ""},
+      {{"logdump", "tel", "x"}, 1, "", kRefusal},
+      {{"logdump", "core"}, 1, "", kRefusal},
+  };
+  const Device device({"manager", "helper", "vexild"});
+  for (const Case& test : cases) {
+    SCOPED_TRACE(testing::PrintToString(test.words));
+    const Finished run = device.ksttool(test.words);
+    EXPECT_EQ(run.status, test.status);
+    EXPECT_EQ(run.output, test.output);
+    EXPECT_EQ(run.errors, test.errors);
+  }
+}
+
+/// The one entry that a printed path names, which may end in "*".
+fs::path entryOf(const Device& device, const std::string& printed) {
+  const fs::path pattern = device.below(printed);
+  if (!printed.ends_with("*")) {
+    return pattern;
+  }
+  const std::string prefix =
+      pattern.filename().string().substr(0, pattern.filename().string().size() - 1);
+  fs::path found;
+  for (const fs::directory_entry& entry : fs::directory_iterator(pattern.parent_path())) {
+    if (entry.path().filename().string().starts_with(prefix)) {
+      EXPECT_TRUE(found.empty()) << found << entry.path();
+      found = entry.path();
+    }
+  }
+  return found;
+}
+
+TEST(OneShotTest, CollectionsWriteWhatTheyPrint) {
+  struct Case {
+    std::vector<std::string> words;
+    std::string heading;
+    std::string suffix;  // of the printed path
+    std::string reason;  // in the snapshot; empty: the snapshot is a zip
+  };
+  const std::string telephony = "Telephony log collection: Success";
+  const std::string coredump = "Telephony log collection with Coredump: Success";
+  const std::string baseband = "Baseband log collection: Success \\(KST running\\)";
+  const Case cases[] = {
+      {{"tel", "x"}, telephony, "-\\*", ""},
+      {{"tel", "nocompress", "modem", "ignored"}, telephony, "-\\*", "[ksttool] modem"},
+      {{"tel", "nocompress"}, telephony, "-\\*", "[ksttool] User triggered"},
+      {{"core", "nocompress", "crash"}, coredump, "-\\*", "[ksttool] crash"},
+      {{"bb"}, baseband, "-baseband.zip", ""},
+      {{"bb", "nocompress", "y"}, baseband, "-bb-trace", "[ksttool] y"},
+  };
+  const Device device;
+  for (const Case& test : cases) {
+    SCOPED_TRACE(testing::PrintToString(test.words));
+    std::vector<std::string> words = {"logdump"};
+    words.insert(words.end(), test.words.begin(), test.words.end());
+    const Finished run = device.ksttool(words);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.errors, "");
+    std::smatch match;
+    const std::regex expected(test.heading + "\nPath = (" + kst::trace::kSnapshotFolder +
+                              kst::trace::kLogDirPrefix + "[-0-9]+" + test.suffix + ")\n");
+    ASSERT_TRUE(std::regex_match(run.output, match, expected)) << run.output;
+    const fs::path entry = entryOf(device, match[1]);
+    if (test.reason.empty()) {
+      EXPECT_EQ(contentsOf(entry).substr(0, 2), "PK");
+    } else {
+      EXPECT_NE(contentsOf(entry.string() + kst::trace::kKSTInfoFilename).find(test.reason),
+                std::string::npos);
+    }
+  }
+}
+
+TEST(OneShotTest, BasebandLogsWithoutTheManager) {
+  const std::string success = "Baseband log collection: Success \\(KST not running\\)\nPath = ";
+  const std::string snapshot =
+      success + kst::trace::kSnapshotFolder + kst::trace::kLogDirPrefix + "[-0-9]+";
+  const std::string scratch = success + kst::trace::kScratchFolder + "DIAG.scratch\n";
+  struct Case {
+    std::vector<std::string> absent;
+    std::map<std::string, std::string> settings;
+    std::string output;
+  };
+  const Case cases[] = {
+      {{"manager"}, {}, snapshot + "-bb-trace\n"},
+      {{"manager"}, {{"radio_vendor", "2"}}, snapshot + "-diag\n"},
+      {{"manager"}, {{"internal_build", "false"}}, scratch},
+      {{"manager", "helper"}, {}, scratch},
+      {{"manager"}, {{"trace.BasebandTrace.Enabled", "True"}}, "Baseband logs are not enabled\n"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.output);
+    const Device device(test.absent, test.settings);
+    const Finished run = device.ksttool({"logdump", "bb", "x"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.errors, "");
+    ASSERT_TRUE(std::regex_match(run.output, std::regex(test.output))) << run.output;
+    const std::size_t path = run.output.find("Path = ");
+    if (path != std::string::npos) {
+      const std::string printed = run.output.substr(path + 7, run.output.size() - path - 8);
+      EXPECT_TRUE(fs::is_directory(device.below(printed))) << printed;
+    }
+  }
+}
+
+TEST(OneShotTest, StartUpChecks) {
+  const std::string noRadio = "'ksttool' is not supported on this product.\n";
+  const std::string noDaemon =
+      "Corvend process is not running. Please run/load Corvend (or vexild) and try again.\n";
+  struct Case {
+    std::vector<std::string> absent;
+    std::map<std::string, std::string> settings;
+    int status;
+    std::string output;
+  };
+  const Case cases[] = {
+      {{}, {{"radio", "0"}}, 255, noRadio},
+      {{}, {{"radio", "broken"}}, 255, noRadio},
+      {{"corvend", "vexild"}, {}, 255, noDaemon},
+      {{"corvend", "vexild"}, {{"product", "57"}}, 255, noDaemon},
+      {{"corvend", "vexild"}, {{"product", "61"}}, 0, ""},
+      {{"corvend"}, {}, 0, ""},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(testing::PrintToString(test.absent) + testing::PrintToString(test.settings));
+    const Device device(test.absent, test.settings);
+    const Finished run = device.ksttool({"--"});
+    EXPECT_EQ(run.status, test.status);
+    EXPECT_EQ(run.output, test.output);
+    EXPECT_EQ(run.errors, "");
+  }
+}
+
+TEST(OneShotTest, AThreadThatCannotBeMadeIsAnAssertion) {
+  const Device device;
+  // A thread gets a stack of the soft limit's size, here more than there are addresses.
+  const Finished run = runProgram(
+      {"sh", "-c", "ulimit -c 0; ulimit -s 140000000000; exec ksttool help"}, device.environment);
+  EXPECT_EQ(run.status, 128 + SIGABRT);
+  EXPECT_EQ(run.output, "");
+  EXPECT_NE(run.errors.find("Assertion `ret == 0' failed."), std::string::npos) << run.errors;
+}
+
+TEST(OneShotTest, ClosedStandardStreamsHarmNothing) {
+  const Device device;
+  struct Case {
+    std::string redirection;
+    int status;
+  };
+  for (const Case& test :
+       {Case{"<&-", 0}, Case{">&-", 0}, Case{"2>&-", 0}, Case{"<&- >&- 2>&-", 0}}) {
+    SCOPED_TRACE(test.redirection);
+    EXPECT_EQ(runProgram({"sh", "-c", "exec ksttool logdump tel x " + test.redirection},
+                         device.environment)
+                  .status,
+              test.status);
+  }
+  EXPECT_EQ(runProgram({"sh", "-c", "exec ksttool <&-"}, device.environment).output,
+            "(/ksttool)>> ");
+}
+
+}  // namespace
