@@ -19,6 +19,9 @@ namespace {
 /// How long after a failed or lost connection the next attempt comes.
 constexpr std::chrono::milliseconds kRetryDelay(250);
 
+/// How long a bus may take to answer for the first time before the connection is given up.
+constexpr std::chrono::milliseconds kConnectLimit(5000);
+
 /// sd-bus's value for a call without a time limit.
 constexpr std::uint64_t kNoTimeLimit = UINT64_MAX;
 
@@ -46,6 +49,12 @@ class ClientConnection::Io {
   struct PendingCall {
     Io& io;
     Answer answer;
+
+    ~PendingCall() {
+      if (io.unreachable) {
+        answer.send({io.peer.notRunning, "the bus does not answer"});
+      }
+    }
   };
 
   int openBus();
@@ -63,16 +72,24 @@ class ClientConnection::Io {
 
   const Peer peer;
   const StateHandler stateChanged;
-  BusPtr bus;             // empty between two attempts to connect
-  bool answered = false;  // whether this bus has ever answered; before, nothing has reached it
-  std::string owner;      // the unique name of the service; empty while it is not on the bus
-  SlotPtr stateQuery;     // the property query that is out; must go before `bus`
+  bool answered = false;     // whether `bus` has ever answered
+  bool unreachable = false;  // `bus` is given up before anything could be sent on it
+  BusPtr bus;                // empty between two attempts to connect
+  std::string owner;         // the unique name of the service; empty while it is not on the bus
+  SlotPtr stateQuery;        // the property query that is out; must go before `bus`
 };
 
 void ClientConnection::Io::connect() {
   if (openBus() < 0) {
     disconnect();
+    return;
   }
+  loop.after(kConnectLimit, [this, tried = bus.get()] {
+    if (bus.get() == tried && sd_bus_is_ready(tried) == 0) {
+      unreachable = true;
+      disconnect();
+    }
+  });
 }
 
 int ClientConnection::Io::openBus() {
@@ -117,6 +134,7 @@ void ClientConnection::Io::disconnect() {
   stateQuery.reset();
   bus.reset();  // calls that are still out are answered by this
   answered = false;
+  unreachable = false;
   owner.clear();
   stateChanged(std::nullopt);
   loop.after(kRetryDelay, [this] { connect(); });
@@ -156,7 +174,7 @@ void ClientConnection::Io::send(const Command& command, Answer answer) {
     return;
   }
   MessagePtr call;
-  auto pending = std::make_unique<PendingCall>(PendingCall{*this, std::move(answer)});
+  std::unique_ptr<PendingCall> pending(new PendingCall{*this, std::move(answer)});
   sd_bus_slot* slot = nullptr;
   int r = makeCall(bus.get(), peer, command, call);
   if (r >= 0) {
@@ -183,7 +201,7 @@ int ClientConnection::Io::onReply(sd_bus_message* message, void* pendingCall,
   MessageValue reply;
   CommandResult result = readReply(message, call.io.peer, reply);
   if (result.status == kst::kResultReplyLost && !call.io.answered) {
-    result.status = call.io.peer.notRunning;  // the bus was never there, so nothing was sent
+    result.status = call.io.peer.notRunning;  // the bus never took the connection in
   }
   call.answer.send(std::move(result), std::move(reply));
   return 0;

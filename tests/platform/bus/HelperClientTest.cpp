@@ -60,12 +60,19 @@ TEST(HelperClientTest, EveryFailureIsToldAndLeavesTheReplyEmpty) {
 }
 
 TEST(HelperClientTest, NoBusMeansNoHelper) {
-  const PrivateBus neverStarted;
-  MessageDict reply;
-  EXPECT_EQ(kst::HelperClient::create("test", {})
-                ->perform(kst::helper::TaskID::kSyscollect, "Status", {}, reply)
-                .status,
-            kst::kResultHelperNotRunning);
+  PrivateBus bus;
+  MessageDict request;
+  request.set(kst::helper::kKeyTimeout, std::int64_t{1});
+  for (const bool frozen : {false, true}) {
+    if (frozen) {
+      bus.start();
+      bus.freeze();
+    }
+    MessageDict reply;
+    const auto helper = kst::HelperClient::create("test", {});
+    EXPECT_EQ(helper->perform(kst::helper::TaskID::kSyscollect, "Status", request, reply).status,
+              kst::kResultHelperNotRunning);
+  }
 }
 
 }  // namespace

@@ -224,6 +224,14 @@ TEST_F(ManagerClientTest, WithoutAServiceNothingRunsAndTraceSettingsComeFromTheD
   }
 }
 
+TEST_F(ManagerClientTest, ABusThatAnswersNothingIsNoBus) {
+  bus.start();
+  bus.freeze();
+  connect();
+  MessageValue reply;
+  EXPECT_EQ(performAndWait("Any", reply).status, kst::kResultManagerNotRunning);
+}
+
 /// Counts what becomes of a callback: how often it was called, and whether it went on the queue.
 struct CallbackFate {
   std::atomic<int> calls = 0;

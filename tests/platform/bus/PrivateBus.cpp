@@ -50,6 +50,8 @@ void PrivateBus::start() {
   }
 }
 
+void PrivateBus::freeze() const { ::kill(daemon, SIGSTOP); }
+
 void PrivateBus::kill() {
   if (daemon > 0) {
     ::kill(daemon, SIGKILL);

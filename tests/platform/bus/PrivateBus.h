@@ -18,6 +18,9 @@ class PrivateBus {
   /// Starts the bus and waits until it takes connections.
   void start();
 
+  /// Stops the bus in its tracks: it still takes connections, but answers nothing.
+  void freeze() const;
+
   /// Kills the bus: every connection to it breaks.
   void kill();
 
