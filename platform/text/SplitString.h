@@ -1,0 +1,8 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// The pieces of `text` between occurrences of `separator`, in order. Empty pieces (from a leading,
+/// trailing or doubled separator) are left out.
+std::vector<std::string> splitString(const std::string& text, char separator);

@@ -1,0 +1,324 @@
+#include "support/FileOperations.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <utility>
+
+#include "platform/text/SplitString.h"
+#include "support/DirectoryStream.h"
+
+namespace kst::support {
+
+namespace {
+
+/// Closes a descriptor at the end of its scope and leaves `errno` alone.
+class ScopedDescriptor {
+ public:
+  explicit ScopedDescriptor(int openDescriptor) : descriptor(openDescriptor) {}
+  ScopedDescriptor(const ScopedDescriptor&) = delete;
+  ScopedDescriptor& operator=(const ScopedDescriptor&) = delete;
+
+  ~ScopedDescriptor() {
+    if (descriptor >= 0) {
+      const int error = errno;
+      closeRetrying(descriptor);
+      errno = error;
+    }
+  }
+
+  [[nodiscard]] int get() const { return descriptor; }
+
+ private:
+  int descriptor;
+};
+
+bool copyBytes(int source, int destination) {
+  std::array<char, 1024> buffer;
+  while (true) {
+    const ssize_t count = read(source, buffer.data(), buffer.size());
+    if (count <= 0) {
+      return count == 0;
+    }
+    if (!writeFully(destination, buffer.data(), static_cast<size_t>(count))) {
+      return false;
+    }
+  }
+}
+
+bool copyMode(int source, int destination) {
+  struct stat status {};
+  return fstat(source, &status) == 0 && fchmod(destination, status.st_mode) == 0;
+}
+
+/// Opens a file together with its size. A directory's end says nothing, and opening a pipe would
+/// wait for a writer: neither is opened.
+bool openSized(const std::string& path, std::ios::openmode mode, std::ifstream& file,
+               size_t& size) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0 || S_ISDIR(status.st_mode) || S_ISFIFO(status.st_mode)) {
+    return false;
+  }
+  file.open(path, mode);
+  return streamSize(file, size);
+}
+
+/// Sets or releases the lock on the whole file, however long it grows.
+bool setLock(int descriptor, short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = 0;
+  lock.l_len = 0;
+  lock.l_pid = getpid();
+  return fcntl(descriptor, F_SETLKW, &lock) == 0;
+}
+
+/// A directory that can be read and that is not reached through a link, so that its entries belong
+/// to the tree.
+bool isTreeDirectory(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && isDirectory(path);
+}
+
+/// A directory that is being emptied, and the names in it that are still to be removed, the next
+/// one last.
+struct TreeLevel {
+  explicit TreeLevel(std::string directory) : path(std::move(directory)) {
+    listDirectory(path, names);
+    std::erase_if(names, isDotName);
+    std::reverse(names.begin(), names.end());
+  }
+
+  std::string path;
+  std::vector<std::string> names;
+};
+
+}  // namespace
+
+bool writeFully(int descriptor, const void* data, size_t length) {
+  const char* next = static_cast<const char*>(data);
+  while (length > 0) {
+    const ssize_t count = write(descriptor, next, length);
+    if (count < 0) {
+      return false;
+    }
+    next += count;
+    length -= static_cast<size_t>(count);
+  }
+  return true;
+}
+
+bool writeStreamFully(FILE* stream, const void* data, size_t length) {
+  const char* next = static_cast<const char*>(data);
+  while (length > 0) {
+    const size_t count = fwrite(next, 1, length, stream);
+    if (count == 0) {
+      return false;
+    }
+    next += count;
+    length -= count;
+  }
+  fflush(stream);
+  return true;
+}
+
+int openPath(const std::string& path, int flags, mode_t mode) {
+  return open(path.c_str(), flags, mode);
+}
+
+bool closeRetrying(int descriptor) {
+  while (close(descriptor) != 0) {
+    if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool copyFile(const std::string& source, const std::string& destination, bool copyPermissions) {
+  const ScopedDescriptor from(openPath(source, O_RDONLY | O_CLOEXEC, 0));
+  if (from.get() < 0) {
+    return false;
+  }
+  constexpr int kDestinationFlags = O_WRONLY | O_NONBLOCK | O_CREAT | O_TRUNC | O_CLOEXEC;
+  const ScopedDescriptor to(openPath(destination, kDestinationFlags, 0644));
+  if (to.get() < 0) {
+    return false;
+  }
+  return copyBytes(from.get(), to.get()) && (!copyPermissions || copyMode(from.get(), to.get()));
+}
+
+void listDirectory(const std::string& path, std::vector<std::string>& names) {
+  DirectoryStream directory(path);
+  if (!directory.isOpen()) {
+    return;
+  }
+  while (const char* name = directory.nextName()) {
+    names.emplace_back(name);
+  }
+}
+
+bool readWholeFile(const std::string& path, std::vector<char>& content) {
+  std::ifstream file;
+  size_t size = 0;
+  if (!openSized(path, std::ios::binary, file, size)) {
+    return false;
+  }
+  if (size == 0 || size > std::numeric_limits<int32_t>::max()) {
+    return false;
+  }
+  content.resize(size);
+  file.read(content.data(), static_cast<std::streamsize>(size));
+  return static_cast<size_t>(file.gcount()) == size;
+}
+
+bool streamSize(std::ifstream& stream, size_t& size) {
+  if (!stream.is_open()) {
+    return false;
+  }
+  // The buffer's own positions: those of the stream cannot be had once a read has met the end of
+  // the file.
+  std::filebuf& file = *stream.rdbuf();
+  const std::streamoff position = file.pubseekoff(0, std::ios::cur, std::ios::in);
+  const std::streamoff end = file.pubseekoff(0, std::ios::end, std::ios::in);
+  if (position < 0 || end < 0) {
+    return false;
+  }
+  file.pubseekoff(position, std::ios::beg, std::ios::in);
+  size = static_cast<size_t>(end);
+  return true;
+}
+
+bool fileSize(const std::string& path, size_t& size) {
+  std::ifstream file;
+  return openSized(path, std::ios::in, file, size);
+}
+
+bool pathExists(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0;
+}
+
+bool isDirectory(const std::string& path) {
+  if (!pathExists(path)) {
+    return false;
+  }
+  DirectoryStream directory(path);
+  return directory.isOpen() && directory.nextName() != nullptr;
+}
+
+bool makeDirectory(const std::string& path, mode_t mode, bool recursive) {
+  if (pathExists(path)) {
+    return true;
+  }
+  if (!recursive) {
+    return mkdir(path.c_str(), mode) == 0;
+  }
+  std::string prefix = path.starts_with('/') ? "/" : "";
+  for (const std::string& piece : splitString(path, '/')) {
+    prefix += piece;
+    if (!pathExists(prefix) && mkdir(prefix.c_str(), mode) != 0) {
+      return false;
+    }
+    prefix += '/';
+  }
+  return true;
+}
+
+bool renamePath(const std::string& oldPath, const std::string& newPath) {
+  return rename(oldPath.c_str(), newPath.c_str()) == 0;
+}
+
+bool changeMode(const std::string& path, mode_t mode) { return chmod(path.c_str(), mode) == 0; }
+
+bool removeFile(const std::string& path) {
+  return remove(path.c_str()) == 0 || unlink(path.c_str()) == 0;
+}
+
+bool removeTree(const std::string& path) {
+  if (!pathExists(path)) {
+    return true;
+  }
+  const std::string top = withoutTrailingSlashes(path);
+  if (!isTreeDirectory(top)) {
+    removeFile(top);
+    return true;
+  }
+  // No recursion and no directory kept open: the depth of the tree costs neither stack nor
+  // descriptors.
+  std::vector<TreeLevel> levels{TreeLevel(top)};
+  while (!levels.empty()) {
+    TreeLevel& level = levels.back();
+    if (level.names.empty()) {
+      removeFile(level.path);
+      levels.pop_back();
+      continue;
+    }
+    std::string child = childPath(level.path, level.names.back());
+    level.names.pop_back();
+    if (isTreeDirectory(child)) {
+      levels.emplace_back(std::move(child));
+    } else if (!removeFile(child)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool removeEntry(const std::string& path) {
+  return isTreeDirectory(path) ? removeTree(path) : removeFile(path);
+}
+
+int lockFileShared(const std::string& path) {
+  const int descriptor = openPath(path, O_RDONLY | O_CLOEXEC, 0);
+  if (descriptor >= 0 && !setLock(descriptor, F_RDLCK)) {
+    const ScopedDescriptor closing(descriptor);
+    return -1;
+  }
+  return descriptor;
+}
+
+bool unlockFile(int descriptor) {
+  const ScopedDescriptor closing(descriptor);
+  return setLock(descriptor, F_UNLCK);
+}
+
+size_t hashString(const std::string& text) { return std::hash<std::string>()(text); }
+
+bool fileSystemSpace(const std::string& path, uint64_t& totalBlocks, uint64_t& freeBlocks,
+                     uint64_t& fragmentSize) {
+  struct statvfs status {};
+  if (path.empty() || statvfs(path.c_str(), &status) != 0) {
+    return false;
+  }
+  totalBlocks = status.f_blocks;
+  freeBlocks = status.f_bfree;
+  fragmentSize = status.f_frsize;
+  return true;
+}
+
+std::string lastPathComponent(const std::string& path) {
+  const std::vector<std::string> components = splitString(path, '/');
+  return components.empty() ? "" : components.back();
+}
+
+std::string parentDirectory(const std::string& path) {
+  const std::string last = lastPathComponent(path);
+  return last.empty() ? "" : path.substr(0, path.rfind(last));
+}
+
+std::string withoutTrailingSlashes(const std::string& path) {
+  const size_t last = path.find_last_not_of('/');
+  return last == std::string::npos ? path : path.substr(0, last + 1);
+}
+
+}  // namespace kst::support

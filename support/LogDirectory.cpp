@@ -1,0 +1,170 @@
+#include "support/LogDirectory.h"
+
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <ctime>
+#include <system_error>
+
+#include "platform/text/SplitString.h"
+#include "support/DirectoryStream.h"
+#include "support/FileOperations.h"
+
+namespace kst::support {
+
+namespace {
+
+std::string numbered(const std::string& name, uint32_t number) {
+  return name + '-' + std::to_string(number);
+}
+
+/// The first of head-1tail, head-2tail, ... at which nothing exists.
+std::string firstFreeNumber(const std::string& head, const std::string& tail) {
+  for (uint32_t number = 1;; ++number) {
+    std::string candidate = numbered(head, number) + tail;
+    if (!pathExists(candidate)) {
+      return candidate;
+    }
+  }
+}
+
+bool hasReachedAge(const std::string& path, time_t now, uint64_t age) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 &&
+         difftime(now, status.st_ctime) >= static_cast<double>(age);
+}
+
+bool isSymbolicLink(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+/// A name that is too much for the matcher does not match.
+bool matches(const std::string& name, const std::regex& pattern) {
+  try {
+    return std::regex_match(name, pattern);
+  } catch (const std::regex_error&) {
+    return false;
+  }
+}
+
+void reportUnreadable(const std::string& directory) {
+  const int error = errno;
+  syslog(LOG_ERR, "%s (%s)\n", directory.c_str(), std::generic_category().message(error).c_str());
+  errno = error;
+}
+
+/// The number behind the last "-" as `strtol` reads it, "0x10" and "010" included; 0 if there is
+/// none.
+uint32_t numberOf(const std::string& name) {
+  const std::vector<std::string> pieces = splitString(name, '-');
+  return pieces.empty() ? 0 : static_cast<uint32_t>(std::strtol(pieces.back().c_str(), nullptr, 0));
+}
+
+/// The names of the siblings of `base`, which is a regular expression; empty if it is none.
+std::vector<std::string> numberedNames(const std::string& directory, const std::string& base) {
+  // std::regex compiles by recursion, at one level a character: what is longer than any path may
+  // take is not tried.
+  if (base.size() >= PATH_MAX) {
+    return {};
+  }
+  std::vector<std::string> names;
+  try {
+    collectMatchingNames(directory, std::regex(base + "-[[:alnum:]]*"), names, false);
+  } catch (const std::regex_error&) {
+    return {};
+  }
+  return names;
+}
+
+}  // namespace
+
+std::string uniquePath(const std::string& path) {
+  return pathExists(path) ? firstFreeNumber(path, "") : path;
+}
+
+std::string uniquePathKeepingSuffix(const std::string& path) {
+  if (!pathExists(path)) {
+    return path;
+  }
+  if (path.find_first_of("\n\r") != std::string::npos) {
+    return "";
+  }
+  constexpr const char* kNameCharacters =
+      "/_-0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+  const size_t suffix = std::min(path.find_first_not_of(kNameCharacters), path.size());
+  return firstFreeNumber(path.substr(0, suffix), path.substr(suffix));
+}
+
+std::string moveToUniquePath(const std::string& directory, const std::string& newPath) {
+  if (!isDirectory(directory)) {
+    return "";
+  }
+  std::string target = uniquePath(newPath);
+  return renamePath(directory, target) ? target : "";
+}
+
+bool pruneDirectory(const std::string& directory, uint64_t maximumAge) {
+  std::vector<std::string> names;
+  listDirectory(directory, names);
+  const time_t now = std::time(nullptr);
+  for (const std::string& name : names) {
+    if (isDotName(name)) {
+      continue;
+    }
+    const std::string child = childPath(directory, name);
+    if (maximumAge != 0 && !hasReachedAge(child, now, maximumAge)) {
+      continue;
+    }
+    if (!removeEntry(child)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool collectMatchingNames(const std::string& directory, const std::regex& pattern,
+                          std::vector<std::string>& names, bool includeSymbolicLinks) {
+  DirectoryStream stream(directory);
+  if (!stream.isOpen()) {
+    reportUnreadable(directory);
+    return false;
+  }
+  const size_t earlierNames = names.size();
+  while (const char* entry = stream.nextName()) {
+    const std::string name = entry;
+    if (isDotName(name)) {
+      continue;
+    }
+    if (!includeSymbolicLinks && isSymbolicLink(childPath(directory, name))) {
+      continue;
+    }
+    if (matches(name, pattern)) {
+      names.push_back(name);
+    }
+  }
+  return names.size() > earlierNames;
+}
+
+std::string latestNumberedPath(const std::string& path) {
+  const std::string base = withoutTrailingSlashes(path);
+  const std::string directory = parentDirectory(base);
+  if (directory.empty()) {
+    return "";
+  }
+  const std::vector<std::string> names = numberedNames(directory, lastPathComponent(base));
+  if (names.empty()) {
+    return "";
+  }
+  uint32_t latest = 0;
+  for (const std::string& name : names) {
+    latest = std::max(latest, numberOf(name));
+  }
+  return numbered(base, latest) + '/';
+}
+
+}  // namespace kst::support
