@@ -1,0 +1,33 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/message/MessageDict.h"
+
+namespace services {
+
+enum class LogKind {
+  kTelephony,              ///< telephony and baseband logs
+  kTelephonyWithCoredump,  ///< these and a fresh core dump
+  kBaseband,               ///< baseband logs alone
+};
+
+struct CollectionRequest {
+  LogKind kind = LogKind::kTelephony;
+  bool compress = true;
+  std::string reason;  ///< one line of printable text
+
+  // Of a core dump, each one line of printable text.
+  std::string resetType;
+  std::string resetSubType;
+};
+
+/// The collection that a request of kCommandTraceDumpState asks for; nothing if its action is
+/// missing or unknown.
+std::optional<CollectionRequest> readCollectionRequest(const MessageDict& request);
+
+/// The action of a request for this kind.
+const char* actionOf(LogKind kind);
+
+}  // namespace services

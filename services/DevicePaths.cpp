@@ -1,0 +1,26 @@
+#include "services/DevicePaths.h"
+
+#include "support/FileOperations.h"
+#include "trace/DiagConfig.h"
+#include "trace/Trace.h"
+
+namespace services {
+
+using kst::support::withoutTrailingSlashes;
+
+DevicePaths::DevicePaths(const std::string& root) {
+  const std::string base = root == "/" ? "" : withoutTrailingSlashes(root);
+  const std::string scratch = base + kst::trace::kScratchFolder;
+  telephonyLogs = scratch + kst::trace::kTEL;
+  basebandLogs = scratch + diag::config::kDIAGScratchDir;
+  coreDumps = scratch + kst::trace::kCoreDump;
+  snapshots = withoutTrailingSlashes(base + kst::trace::kSnapshotFolder);
+  managerStaging = withoutTrailingSlashes(base + kst::trace::kUncompressedFolder);
+  helperStaging = base + kst::trace::kWorkspaceFolder + "helper";
+  dumpIndication = base + kst::trace::kDumpIndicationFilePath;
+  basebandControl = base + "/run/vexild.control";
+}
+
+std::string lockFileOf(const std::string& folder) { return folder + ".lock"; }
+
+}  // namespace services

@@ -1,0 +1,25 @@
+#include "services/DumpIndication.h"
+
+#include <fcntl.h>
+
+#include <utility>
+
+#include "services/Descriptor.h"
+#include "support/FileOperations.h"
+
+namespace services {
+
+DumpIndication::DumpIndication(std::string path) : file(std::move(path)) {}
+
+DumpIndication::~DumpIndication() { kst::support::removeFile(file); }
+
+Failure DumpIndication::raise() const {
+  kst::support::removeFile(file);
+  kst::support::makeDirectory(kst::support::parentDirectory(file), 0755, true);
+  const Descriptor created(
+      kst::support::openPath(file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!created) return callFailed("open", file);
+  return {};
+}
+
+}  // namespace services
