@@ -1,0 +1,146 @@
+// Runs a command, or a shell, on a simulated device.
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "simulator/ChildProcess.h"
+#include "simulator/PrivateBus.h"
+#include "simulator/Signals.h"
+#include "simulator/SimulatedDevice.h"
+#include "simulator/SimulatorOptions.h"
+#include "simulator/TemporaryFolder.h"
+#include "support/FileOperations.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kNotReady = 125;
+constexpr int kNotExecutable = 126;
+constexpr int kNotFound = 127;
+
+constexpr const char* kUsage =
+    "usage: kst-simulator [--conf FILE] [--root DIR] [--absent NAME]... [-- COMMAND [ARG]...]\n"
+    "NAME is one of manager, helper, corvend, vexild.\n";
+
+/// A phone with everything that its tool asks for.
+constexpr const char* kDeviceConfiguration =
+    "radio = 1\n"
+    "radio_vendor = 1\n"
+    "product = 1\n"
+    "internal_build = true\n"
+    "trace_allowed = true\n"
+    "trace.BasebandTrace.Enabled = true\n";
+
+std::string programFolder() { return fs::read_symlink("/proc/self/exe").parent_path(); }
+
+std::string deviceRoot(const std::string& wanted, const std::string& temporary) {
+  std::string root = wanted.empty() ? temporary + "/root" : fs::absolute(wanted).string();
+  fs::create_directories(root);
+  return root;
+}
+
+std::string deviceConfiguration(const std::string& wanted, const std::string& temporary) {
+  if (!wanted.empty()) {
+    if (!std::ifstream(wanted)) throw std::runtime_error("cannot read " + wanted);
+    return fs::absolute(wanted);
+  }
+  std::string path = temporary + "/device.conf";
+  std::ofstream(path) << kDeviceConfiguration;
+  return path;
+}
+
+void setVariable(const char* name, const std::string& value) {
+  setenv(name, value.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): there is no other thread yet
+}
+
+const char* variable(const char* name) {
+  return std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody changes it any more
+}
+
+/// Waits for the command, and passes on what tells the simulator to end. `reap` is called when any
+/// child has ended.
+int awaitEnd(simulator::ChildProcess& command, const std::function<void()>& reap) {
+  while (!command.hasEnded()) {
+    const int signal = simulator::nextSignal().value_or(0);
+    switch (signal) {
+      case SIGCHLD:
+        reap();
+        break;
+      case SIGHUP:
+      case SIGTERM:
+        command.stop(signal);
+        break;
+      default:
+        // SIGINT and SIGQUIT come from the terminal, which has sent them to the command too.
+        break;
+    }
+  }
+  return command.exitStatus();
+}
+
+int runCommand(const std::vector<std::string>& words, const std::function<void()>& reap) {
+  try {
+    simulator::ChildProcess command({words});
+    return awaitEnd(command, reap);
+  } catch (const std::system_error& error) {
+    std::cerr << "kst-simulator: " << error.what() << std::endl;
+    return error.code() == std::errc::no_such_file_or_directory ? kNotFound : kNotExecutable;
+  }
+}
+
+std::vector<std::string> commandOrShell(const std::vector<std::string>& command) {
+  if (!command.empty()) return command;
+  const char* shell = variable("SHELL");
+  return {shell != nullptr && *shell != '\0' ? shell : "/bin/sh"};
+}
+
+int simulate(const simulator::SimulatorOptions& options) {
+  const simulator::TemporaryFolder folder;
+  const std::string root = deviceRoot(options.root, folder.path());
+  const std::string programs = programFolder();
+  simulator::PrivateBus bus(folder);
+
+  // Before any thread is started: what this process and all its children see.
+  const char* path = variable("PATH");
+  setVariable("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
+  setVariable("KESTRANE_DEVICE_CONF", deviceConfiguration(options.configuration, folder.path()));
+  setVariable("KESTRANE_ROOT", root);
+  setVariable("PATH", path == nullptr ? programs : programs + ":" + path);
+
+  simulator::SimulatedDevice device(folder, programs, root, options.absent);
+  device.awaitReady();
+  return runCommand(commandOrShell(options.command), [&] {
+    bus.reap();
+    device.reap();
+  });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const auto options = simulator::readSimulatorOptions(argc, argv);
+  if (!options) {
+    std::cerr << kUsage << std::flush;
+    return 2;
+  }
+  simulator::holdSignals();
+  try {
+    return simulate(*options);
+  } catch (const simulator::Interrupted& interruption) {
+    return 128 + interruption.signal;
+  } catch (const std::exception& error) {
+    std::cerr << "kst-simulator: " << error.what() << std::endl;
+    return kNotReady;
+  }
+}

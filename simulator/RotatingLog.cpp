@@ -1,0 +1,73 @@
+#include "simulator/RotatingLog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <utility>
+
+#include "services/DevicePaths.h"
+#include "support/FileOperations.h"
+
+namespace simulator {
+namespace {
+
+/// Holds the exclusive record lock on a file.
+class ExclusiveLock {
+ public:
+  explicit ExclusiveLock(int lockDescriptor) : descriptor(lockDescriptor) { set(F_WRLCK); }
+  ExclusiveLock(const ExclusiveLock&) = delete;
+  ExclusiveLock& operator=(const ExclusiveLock&) = delete;
+  ~ExclusiveLock() { set(F_UNLCK); }
+
+ private:
+  void set(short type) const {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    fcntl(descriptor, F_SETLKW, &lock);
+  }
+
+  int descriptor;
+};
+
+std::size_t sizeOf(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+}
+
+}  // namespace
+
+RotatingLog::RotatingLog(std::string logFolder, const std::string& name, Limits logLimits)
+    : folder(std::move(logFolder)), file(folder + "/" + name), limits(logLimits) {}
+
+services::Failure RotatingLog::open() {
+  if (!kst::support::makeDirectory(folder, 0755, true)) {
+    return services::callFailed("mkdir", folder);
+  }
+  const std::string path = services::lockFileOf(folder);
+  lockFile = services::Descriptor(kst::support::openPath(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  if (!lockFile) return services::callFailed("open", path);
+  return {};
+}
+
+void RotatingLog::append(const std::string& line) {
+  const ExclusiveLock lock(lockFile.get());
+  const std::string text = line + "\n";
+  if (sizeOf(file) + text.size() > limits.fileSize) rotate();
+  const services::Descriptor log(
+      kst::support::openPath(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+  if (log) kst::support::writeFully(log.get(), text.data(), text.size());
+}
+
+/// The oldest log is replaced by the one before it.
+void RotatingLog::rotate() {
+  for (unsigned age = limits.olderFiles; age > 0; --age) {
+    kst::support::renamePath(olderFile(age - 1), olderFile(age));
+  }
+}
+
+std::string RotatingLog::olderFile(unsigned age) const {
+  return age == 0 ? file : file + "." + std::to_string(age);
+}
+
+}  // namespace simulator

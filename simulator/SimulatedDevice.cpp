@@ -1,0 +1,106 @@
+#include "simulator/SimulatedDevice.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <stdexcept>
+#include <tuple>
+#include <utility>
+
+#include "platform/client/HelperClient.h"
+#include "platform/client/ManagerClient.h"
+#include "simulator/Signals.h"
+#include "simulator/SimulatorOptions.h"
+
+namespace simulator {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kStartLimit{10};
+constexpr std::chrono::milliseconds kLookInterval{10};
+constexpr const char* kClientName = "kst-simulator";
+
+/// True once the manager has reported that it is started.
+std::function<bool()> managerStarted() {
+  const auto started = std::make_shared<std::atomic<bool>>(false);
+  const auto client =
+      kst::client::CreateManager(kClientName, TaskQueue::create("simulator.manager"));
+  kst::client::RegisterEventHandler(
+      client, kst::kEventServerStateChange,
+      [started](const MessageValue& payload, const TaskGroup& /*group*/) {
+        const MessageDict* event = payload.dictionary();
+        *started =
+            event != nullptr && event->text(kst::kKeyServerState, "") == kst::kServerStateStarted;
+      });
+  kst::client::EventsOn(client);
+  return [started, client] { return started->load(); };
+}
+
+/// True once the helper answers, if only that it does not know the command.
+std::function<bool()> helperAnswers() {
+  return [client = kst::HelperClient::create(kClientName, {})] {
+    MessageDict request;
+    request.set(kst::helper::kKeyTimeout, std::int64_t{100});
+    MessageDict reply;
+    const CommandResult result =
+        client->perform(kst::helper::TaskID::kSyscollect, "AreYouThere", std::move(request), reply);
+    return result.status == kst::kResultUnknownCommand;
+  };
+}
+
+/// True once something is written to the log, which may be there from an earlier run.
+std::function<bool()> logGrows(const std::string& log) {
+  const auto look = [log] {
+    struct stat status {};
+    stat(log.c_str(), &status);
+    return std::tuple(status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
+  };
+  return [look, before = look()] { return look() != before; };
+}
+
+}  // namespace
+
+SimulatedDevice::SimulatedDevice(const TemporaryFolder& temporaryFolder,
+                                 const std::string& programFolder, const std::string& deviceRoot,
+                                 const std::set<std::string>& absent)
+    : folder(temporaryFolder), programs(programFolder), root(deviceRoot) {
+  const services::DevicePaths paths(root);
+  const auto present = [&](const char* part) { return !absent.contains(part); };
+  if (present(kCorvendPart)) start("Corvend", logGrows(paths.telephonyLogs + "/telephony.log"));
+  if (present(kVexildPart)) start("vexild", logGrows(paths.basebandLogs + "/diag.log"));
+  if (present(kManagerPart)) start("kestrane", managerStarted());
+  if (present(kHelperPart)) start("kestrane-helper", helperAnswers());
+}
+
+void SimulatedDevice::start(const std::string& program, std::function<bool()> isReady) {
+  ChildProcess process({.command = {programs + "/" + program, "--root", root},
+                        .background = true,
+                        .descriptors = {folder.lifeline()}});
+  parts.push_back({std::move(process), std::move(isReady)});
+}
+
+void SimulatedDevice::awaitReady() {
+  const Clock::time_point deadline = Clock::now() + kStartLimit;
+  for (Part& part : parts) {
+    while (!part.isReady()) {
+      const std::string& name = part.process.name();
+      if (part.process.hasEnded()) throw std::runtime_error(name + " has ended");
+      if (Clock::now() >= deadline) throw std::runtime_error(name + " did not get ready");
+      const auto signal = nextSignal(kLookInterval);
+      if (signal && *signal != SIGCHLD) throw Interrupted{*signal};
+    }
+    // Lets go of the client that has watched it.
+    part.isReady = nullptr;
+  }
+}
+
+void SimulatedDevice::reap() {
+  for (Part& part : parts) part.process.hasEnded();
+}
+
+}  // namespace simulator
