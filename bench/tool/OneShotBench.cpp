@@ -2,6 +2,7 @@
 // it on a simulated device without a manager of its own: kst-simulator --absent manager --
 // one_shot_bench
 
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,11 +37,11 @@ struct Run {
 
 Run runOnce() {
   const auto start = std::chrono::steady_clock::now();
-  const pid_t child = vfork();
-  if (child == 0) {
-    execlp("ksttool", "ksttool", "logdump", "tel", "x", nullptr);
-    _exit(127);
-  }
+  std::array<std::string, 4> words = {"ksttool", "logdump", "tel", "x"};
+  std::array<char*, 5> args = {words[0].data(), words[1].data(), words[2].data(), words[3].data(),
+                               nullptr};
+  pid_t child = -1;
+  posix_spawnp(&child, "ksttool", nullptr, nullptr, args.data(), environ);
   int status = 0;
   rusage usage{};
   wait4(child, &status, 0, &usage);

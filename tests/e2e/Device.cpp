@@ -22,7 +22,7 @@ std::string writeConfig(const std::map<std::string, std::string>& settings) {
   for (const auto& [key, value] : settings) {
     values[key] = value;
   }
-  const std::string path = testing::TempDir() + "kst-e2e-" + std::to_string(getpid()) + ".conf";
+  std::string path = testing::TempDir() + "kst-e2e-" + std::to_string(getpid()) + ".conf";
   std::ofstream file(path);
   for (const auto& [key, value] : values) {
     file << key << " = " << value << "\n";

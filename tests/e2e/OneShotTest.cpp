@@ -68,7 +68,7 @@ TEST(OneShotTest, WordsDecideOutputAndStatus) {
 
 /// The one entry that a printed path names, which may end in "*".
 fs::path entryOf(const Device& device, const std::string& printed) {
-  const fs::path pattern = device.below(printed);
+  fs::path pattern = device.below(printed);
   if (!printed.ends_with("*")) {
     return pattern;
   }

@@ -42,7 +42,7 @@ std::string pathOf(const std::string& program) {
   }
   words.push_back(nullptr);
   for (const auto& [name, value] : environment) {
-    setenv(name.c_str(), value.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    setenv(name.c_str(), value.c_str(), 1);
   }
   execvp(pathOf(args.front()).c_str(), words.data());
   _exit(127);

@@ -103,10 +103,7 @@ TEST_F(ManagerClientTest, EveryAnswerBecomesAStatusAndAReply) {
         [=](sd_bus_message* call) { sd_bus_reply_method_return(call, "isv", 0, "", type, value); };
   };
   const auto error = [](const char* name) {
-    return [=](sd_bus_message* call) {
-      const sd_bus_error failure = SD_BUS_ERROR_MAKE_CONST(name, "no");
-      sd_bus_reply_method_error(call, &failure);
-    };
+    return [=](sd_bus_message* call) { sd_bus_reply_method_errorf(call, name, "no"); };
   };
   const Case cases[] = {
       {"dictionary",
@@ -204,7 +201,7 @@ TEST_F(ManagerClientTest, RequestArrivesWholeAndStartsNoService) {
 TEST_F(ManagerClientTest, WithoutAServiceNothingRunsAndTraceSettingsComeFromTheDevice) {
   const std::string config = testing::TempDir() + "/manager_client_test.conf";
   std::ofstream(config) << "trace.BasebandTrace.Enabled = true\n";
-  setenv("KESTRANE_DEVICE_CONF", config.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  setenv("KESTRANE_DEVICE_CONF", config.c_str(), 1);
   MessageDict request = dictOf(kst::kKeyTraceName, kst::kTraceBaseband);
   request.set(kst::kKeyTracePropertyName, kst::kKeyTraceEnabled);
 

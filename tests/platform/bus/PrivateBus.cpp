@@ -20,7 +20,7 @@ PrivateBus::PrivateBus() {
       << "<busconfig><listen>" << address
       << "</listen><policy context=\"default\"><allow send_destination=\"*\"/>"
          "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>";
-  setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus() {
