@@ -44,19 +44,25 @@ void CollectingService::serve(const std::function<Failure()>& prepare,
     }
   };
   const auto lost = [this] {
-    if (stopping) return;
+    if (stopping) {
+      return;
+    }
     fail("the bus is gone");
     stop();
   };
   service.emplace(loop, peer, accept, lost);
   // Only the owner of the name may clear up: what it finds belongs to nobody else.
-  if (auto failure = prepare()) return fail(*failure);
+  if (auto failure = prepare()) {
+    return fail(*failure);
+  }
   setServerState(kst::kServerStateStarted);
   loop.run();
 }
 
 void CollectingService::stop() {
-  if (std::exchange(stopping, true)) return;
+  if (std::exchange(stopping, true)) {
+    return;
+  }
   setServerState(kst::kServerStateStopping);
   // Behind all work submitted, and then behind all that this work has posted.
   work.push([this] {
@@ -73,7 +79,9 @@ void CollectingService::fail(const std::string& text) {
 }
 
 void CollectingService::setServerState(const char* state) {
-  if (peer.hasServerState) service->setServerState(state);
+  if (peer.hasServerState) {
+    service->setServerState(state);
+  }
 }
 
 }  // namespace services

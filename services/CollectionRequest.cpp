@@ -28,7 +28,9 @@ std::optional<CollectionRequest> readCollectionRequest(const MessageDict& reques
   const std::string action = request.text(kst::kKeyTraceAction, "");
   for (const LogKind kind :
        {LogKind::kTelephony, LogKind::kTelephonyWithCoredump, LogKind::kBaseband}) {
-    if (action != actionOf(kind)) continue;
+    if (action != actionOf(kind)) {
+      continue;
+    }
     const bool withCoredump = kind == LogKind::kTelephonyWithCoredump;
     return CollectionRequest{
         .kind = kind,

@@ -38,12 +38,16 @@ std::string snapshotSuffix(const CollectionRequest& request) {
     case LogKind::kBaseband:
       break;
   }
-  if (request.compress) return "-baseband.zip";
+  if (request.compress) {
+    return "-baseband.zip";
+  }
   return RadioInfo::getRadioVendor() == kVendorWithDiag ? "-diag" : "-bb-trace";
 }
 
 Failure makeFolder(const std::string& path) {
-  if (!kst::support::makeDirectory(path, kFolderMode, true)) return callFailed("mkdir", path);
+  if (!kst::support::makeDirectory(path, kFolderMode, true)) {
+    return callFailed("mkdir", path);
+  }
   return {};
 }
 
@@ -62,7 +66,9 @@ class Collection {
   Failure run() {
     for (const auto step : {&Collection::prepare, &Collection::dumpCore, &Collection::copyLogs,
                             &Collection::writeInfo, &Collection::finish, &Collection::publish}) {
-      if (auto failure = (this->*step)()) return failure;
+      if (auto failure = (this->*step)()) {
+        return failure;
+      }
     }
     return {};
   }
@@ -72,33 +78,49 @@ class Collection {
 
  private:
   Failure prepare() {
-    if (auto failure = makeFolder(folder)) return failure;
+    if (auto failure = makeFolder(folder)) {
+      return failure;
+    }
     return makeFolder(paths.snapshots);
   }
 
   Failure dumpCore() {
-    if (request.kind != LogKind::kTelephonyWithCoredump) return {};
+    if (request.kind != LogKind::kTelephonyWithCoredump) {
+      return {};
+    }
     return takeCoreDump(paths, request, kCoreDumpLimit, coreDump);
   }
 
   Failure copyLogs() {
     std::vector<std::string> sources{paths.basebandLogs};
-    if (request.kind != LogKind::kBaseband) sources.insert(sources.begin(), paths.telephonyLogs);
+    if (request.kind != LogKind::kBaseband) {
+      sources.insert(sources.begin(), paths.telephonyLogs);
+    }
 
     // The daemons' logs stand still from the listing to the end of the copying.
     std::vector<Descriptor> locks(sources.size());
     std::vector<LogFile> files;
     for (std::size_t index = 0; index < sources.size(); ++index) {
       const std::string& source = sources[index];
-      if (auto failure = lockFolder(source, locks[index])) return failure;
+      if (auto failure = lockFolder(source, locks[index])) {
+        return failure;
+      }
       const std::string name = kst::support::lastPathComponent(source);
-      if (auto failure = listLogFiles(source, name, files)) return failure;
+      if (auto failure = listLogFiles(source, name, files)) {
+        return failure;
+      }
     }
-    if (!coreDump.empty()) files.push_back(coreDumpFile());
+    if (!coreDump.empty()) {
+      files.push_back(coreDumpFile());
+    }
 
-    if (auto failure = checkRoom(files)) return failure;
+    if (auto failure = checkRoom(files)) {
+      return failure;
+    }
     for (const LogFile& file : files) {
-      if (auto failure = copy(file)) return failure;
+      if (auto failure = copy(file)) {
+        return failure;
+      }
     }
     return {};
   }
@@ -118,10 +140,16 @@ class Collection {
       return callFailed("statvfs", folder);
     }
     std::uint64_t needed = 0;
-    for (const LogFile& file : files) needed += file.size;
+    for (const LogFile& file : files) {
+      needed += file.size;
+    }
     // For a while the copies and the archive, at worst of the same size, stand side by side.
-    if (request.compress) needed *= 2;
-    if (needed <= freeBlocks * fragmentSize) return {};
+    if (request.compress) {
+      needed *= 2;
+    }
+    if (needed <= freeBlocks * fragmentSize) {
+      return {};
+    }
     return "not enough room in " + folder + ": " + std::to_string(needed) + " bytes needed, " +
            std::to_string(freeBlocks * fragmentSize) + " free";
   }
@@ -129,7 +157,9 @@ class Collection {
   Failure copy(const LogFile& file) {
     const std::string target = kst::support::childPath(folder, file.name);
     const std::string targetFolder = kst::support::parentDirectory(target);
-    if (auto failure = makeFolder(targetFolder)) return failure;
+    if (auto failure = makeFolder(targetFolder)) {
+      return failure;
+    }
     if (!kst::support::copyFile(file.path, target, true)) {
       const int error = errno;
       // With a folder to create the copy in, it is the log that there is no longer.
@@ -151,7 +181,9 @@ class Collection {
     const std::string text = info();
     const Descriptor file(
         kst::support::openPath(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    if (!file) return callFailed("open", path);
+    if (!file) {
+      return callFailed("open", path);
+    }
     if (!kst::support::writeFully(file.get(), text.data(), text.size())) {
       return callFailed("write", path);
     }
@@ -169,7 +201,9 @@ class Collection {
     for (const LogFile& file : copied) {
       text += "  " + printable(file.name) + " (" + std::to_string(file.size) + " bytes)\n";
     }
-    if (copied.empty()) text += "No log file was found.\n";
+    if (copied.empty()) {
+      text += "No log file was found.\n";
+    }
     for (const std::string& name : vanished) {
       text += "Removed by its daemon before it was copied: " + printable(name) + "\n";
     }
@@ -178,10 +212,16 @@ class Collection {
 
   /// Brings what is published into its final form and onto the disk.
   Failure finish() {
-    if (!request.compress) return syncTree(folder);
+    if (!request.compress) {
+      return syncTree(folder);
+    }
     std::vector<std::string> names{kst::support::lastPathComponent(kst::trace::kKSTInfoFilename)};
-    for (const LogFile& file : copied) names.push_back(file.name);
-    if (auto failure = writeZip(zip, folder, names)) return failure;
+    for (const LogFile& file : copied) {
+      names.push_back(file.name);
+    }
+    if (auto failure = writeZip(zip, folder, names)) {
+      return failure;
+    }
     return syncTree(zip);
   }
 
@@ -212,24 +252,34 @@ Collector::Collector(const DevicePaths& devicePaths, const std::string& stagingF
     : paths(devicePaths), staging(stagingFolder), limits(snapshotLimits) {}
 
 CollectionOutcome Collector::collect(const CollectionRequest& request) const {
-  if (const Failure failure = clearStaging()) return failedCollection(*failure);
+  if (const Failure failure = clearStaging()) {
+    return failedCollection(*failure);
+  }
   // Before the new snapshot stands there, so that no age limit can reach it.
   const bool pruned = kst::support::pruneDirectory(paths.snapshots, limits.maximumAge);
 
   Collection collection(paths, staging, request);
   const Failure failure = collection.run();
   const Failure notCleared = clearStaging();
-  if (failure) return failedCollection(*failure);
+  if (failure) {
+    return failedCollection(*failure);
+  }
 
   // The logs are safe: what goes wrong with older ones is worth a word, but no failure.
   Failure remark = removeOldSnapshots(paths.snapshots, limits.number, collection.snapshot().path);
-  if (!pruned) remark = "old snapshots in " + paths.snapshots + " could not be removed";
-  if (!remark) remark = notCleared;
+  if (!pruned) {
+    remark = "old snapshots in " + paths.snapshots + " could not be removed";
+  }
+  if (!remark) {
+    remark = notCleared;
+  }
   return {{0, printable(remark.value_or(""))}, collection.snapshot().timestamp};
 }
 
 Failure Collector::clearStaging() const {
-  if (!kst::support::pruneDirectory(staging, 0)) return callFailed("clear", staging);
+  if (!kst::support::pruneDirectory(staging, 0)) {
+    return callFailed("clear", staging);
+  }
   return {};
 }
 

@@ -33,8 +33,12 @@ class ControlPipe {
       return callFailed(unread ? "vexild does not run: open" : "open", path);
     }
     struct stat status {};
-    if (fstat(end.get(), &status) != 0) return callFailed("fstat", path);
-    if (!S_ISFIFO(status.st_mode)) return path + " is no FIFO";
+    if (fstat(end.get(), &status) != 0) {
+      return callFailed("fstat", path);
+    }
+    if (!S_ISFIFO(status.st_mode)) {
+      return path + " is no FIFO";
+    }
     return {};
   }
 
@@ -68,7 +72,9 @@ std::set<std::string> finishedDumps(const std::string& folder) {
 
 std::optional<std::string> newDump(const std::string& folder, const std::set<std::string>& before) {
   for (const std::string& name : finishedDumps(folder)) {
-    if (!before.contains(name)) return name;
+    if (!before.contains(name)) {
+      return name;
+    }
   }
   return {};
 }
@@ -79,8 +85,12 @@ Failure takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
                      std::chrono::milliseconds limit, std::string& name) {
   const std::set<std::string> before = finishedDumps(paths.coreDumps);
   ControlPipe control;
-  if (auto failure = control.open(paths.basebandControl)) return failure;
-  if (!control.write(requestLine(request))) return callFailed("write", paths.basebandControl);
+  if (auto failure = control.open(paths.basebandControl)) {
+    return failure;
+  }
+  if (!control.write(requestLine(request))) {
+    return callFailed("write", paths.basebandControl);
+  }
 
   const Clock::time_point deadline = Clock::now() + limit;
   while (Clock::now() < deadline) {
@@ -89,7 +99,9 @@ Failure takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
       name = *dump;
       return {};
     }
-    if (ended) return "vexild ended before it had written a core dump to " + paths.coreDumps;
+    if (ended) {
+      return "vexild ended before it had written a core dump to " + paths.coreDumps;
+    }
   }
   return "vexild has written no core dump to " + paths.coreDumps + " within " +
          std::to_string(limit.count()) + " ms";

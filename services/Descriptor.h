@@ -19,7 +19,9 @@ class Descriptor {
   ~Descriptor() { close(); }
 
   void close() {
-    if (descriptor >= 0) kst::support::closeRetrying(std::exchange(descriptor, -1));
+    if (descriptor >= 0) {
+      kst::support::closeRetrying(std::exchange(descriptor, -1));
+    }
   }
 
   [[nodiscard]] int get() const { return descriptor; }

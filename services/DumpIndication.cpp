@@ -18,7 +18,9 @@ Failure DumpIndication::raise() const {
   kst::support::makeDirectory(kst::support::parentDirectory(file), 0755, true);
   const Descriptor created(
       kst::support::openPath(file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-  if (!created) return callFailed("open", file);
+  if (!created) {
+    return callFailed("open", file);
+  }
   return {};
 }
 

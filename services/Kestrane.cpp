@@ -52,14 +52,18 @@ class Manager {
     service.submit([this, call = std::move(call), request = *request] {
       const services::CollectionOutcome outcome = dump(request);
       MessageDict reply;
-      if (!outcome.timestamp.empty()) reply.set(kst::kKeyTimestampString, outcome.timestamp);
+      if (!outcome.timestamp.empty()) {
+        reply.set(kst::kKeyTimestampString, outcome.timestamp);
+      }
       call->answer(outcome.result, reply);
     });
   }
 
   [[nodiscard]] services::CollectionOutcome dump(const services::CollectionRequest& request) const {
     const services::DumpIndication indication(paths.dumpIndication);
-    if (auto failure = indication.raise()) return services::failedCollection(*failure);
+    if (auto failure = indication.raise()) {
+      return services::failedCollection(*failure);
+    }
     return collector.collect(request);
   }
 

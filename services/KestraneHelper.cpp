@@ -18,12 +18,15 @@ namespace {
 
 constexpr std::int64_t kDefaultTimeout = 1500;   // milliseconds
 constexpr std::int64_t kLongestTimeout = 60000;  // milliseconds
+constexpr std::chrono::minutes kUnclaimedLifetime{1};
 
 using Call = std::shared_ptr<dbus::PerformCall>;
 
 void answerWith(const services::CollectionOutcome& outcome, const Call& call) {
   MessageDict reply;
-  if (!outcome.timestamp.empty()) reply.set(kst::helper::kKeyTimestampString, outcome.timestamp);
+  if (!outcome.timestamp.empty()) {
+    reply.set(kst::helper::kKeyTimestampString, outcome.timestamp);
+  }
   call->answer(outcome.result, reply);
 }
 
@@ -49,7 +52,9 @@ class Helper {
     } else if (unclaimed) {
       answerWith(*std::exchange(unclaimed, std::nullopt), call);
     } else {
-      if (!collecting) startCollection();
+      if (!collecting) {
+        startCollection();
+      }
       await(std::move(call));
     }
   }
@@ -67,8 +72,22 @@ class Helper {
 
   void finish(const services::CollectionOutcome& outcome) {
     collecting = false;
-    if (waiting.empty()) unclaimed = outcome;
-    for (const Call& call : std::exchange(waiting, {})) answerWith(outcome, call);
+    if (waiting.empty()) {
+      keepForNextCall(outcome);
+    }
+    for (const Call& call : std::exchange(waiting, {})) {
+      answerWith(outcome, call);
+    }
+  }
+
+  /// Who asks again soon gets what was not ready in time; who asks later wants logs of then.
+  void keepForNextCall(const services::CollectionOutcome& outcome) {
+    unclaimed = outcome;
+    service.after(kUnclaimedLifetime, [this, timestamp = outcome.timestamp] {
+      if (unclaimed && unclaimed->timestamp == timestamp) {
+        unclaimed.reset();
+      }
+    });
   }
 
   /// Lets the call wait for the collection for as long as it wants to.
@@ -82,7 +101,9 @@ class Helper {
   }
 
   void giveUp(const Call& call) {
-    if (std::erase(waiting, call) == 0) return;
+    if (std::erase(waiting, call) == 0) {
+      return;
+    }
     call->answer({kst::kResultStillCollecting, "the collection goes on"});
   }
 

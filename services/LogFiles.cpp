@@ -21,29 +21,39 @@ bool isLink(const std::string& path) {
 
 Failure listLogFiles(const std::string& folder, const std::string& name,
                      std::vector<LogFile>& files) {
-  if (isLink(folder)) return folder + " is a link";
+  if (isLink(folder)) {
+    return folder + " is a link";
+  }
   std::vector<std::string> entries;
   kst::support::listDirectory(folder, entries);
   // Every folder has at least the entry ".".
   if (entries.empty()) {
-    if (errno == ENOENT) return {};
+    if (errno == ENOENT) {
+      return {};
+    }
     return callFailed("opendir", folder);
   }
   std::sort(entries.begin(), entries.end());
 
   for (const std::string& entry : entries) {
-    if (kst::support::isDotName(entry)) continue;
+    if (kst::support::isDotName(entry)) {
+      continue;
+    }
     const std::string path = kst::support::childPath(folder, entry);
     const std::string entryName = kst::support::childPath(name, entry);
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) {
-      if (errno == ENOENT) continue;
+      if (errno == ENOENT) {
+        continue;
+      }
       return callFailed("lstat", path);
     }
     if (S_ISREG(status.st_mode)) {
       files.push_back({path, entryName, static_cast<std::size_t>(status.st_size)});
     } else if (S_ISDIR(status.st_mode)) {
-      if (auto failure = listLogFiles(path, entryName, files)) return failure;
+      if (auto failure = listLogFiles(path, entryName, files)) {
+        return failure;
+      }
     }
   }
   return {};
@@ -52,7 +62,9 @@ Failure listLogFiles(const std::string& folder, const std::string& name,
 Failure lockFolder(const std::string& folder, Descriptor& lock) {
   const std::string lockFile = lockFileOf(folder);
   lock = Descriptor(kst::support::lockFileShared(lockFile));
-  if (!lock && errno != ENOENT) return callFailed("lock", lockFile);
+  if (!lock && errno != ENOENT) {
+    return callFailed("lock", lockFile);
+  }
   return {};
 }
 

@@ -18,8 +18,12 @@ bool readOption(std::string_view option, std::string_view value, ServiceOptions&
     options.root = value;
     return !value.empty();
   }
-  if (option == "--keep") return readPositive(value, options.limits.number);
-  if (option == "--max-age") return readPositive(value, options.limits.maximumAge);
+  if (option == "--keep") {
+    return readPositive(value, options.limits.number);
+  }
+  if (option == "--max-age") {
+    return readPositive(value, options.limits.maximumAge);
+  }
   return false;
 }
 
@@ -28,7 +32,9 @@ bool readOption(std::string_view option, std::string_view value, ServiceOptions&
 std::optional<ServiceOptions> readServiceOptions(int argc, const char* const* argv) {
   ServiceOptions options;
   for (int index = 1; index < argc; index += 2) {
-    if (index + 1 == argc || !readOption(argv[index], argv[index + 1], options)) return {};
+    if (index + 1 == argc || !readOption(argv[index], argv[index + 1], options)) {
+      return {};
+    }
   }
   return options;
 }

@@ -53,15 +53,21 @@ std::string freeTimestamp(const std::string& folder, timeval start) {
 
 /// Moves to a free name, which is `wanted` if possible; empty on failure.
 std::string move(const std::string& staged, const std::string& wanted) {
-  if (kst::support::isDirectory(staged)) return kst::support::moveToUniquePath(staged, wanted);
+  if (kst::support::isDirectory(staged)) {
+    return kst::support::moveToUniquePath(staged, wanted);
+  }
   std::string target = kst::support::uniquePath(wanted);
   return kst::support::renamePath(staged, target) ? target : "";
 }
 
 Failure syncPath(const std::string& path) {
   const Descriptor entry(kst::support::openPath(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW, 0));
-  if (!entry) return callFailed("open", path);
-  if (fsync(entry.get()) != 0) return callFailed("fsync", path);
+  if (!entry) {
+    return callFailed("open", path);
+  }
+  if (fsync(entry.get()) != 0) {
+    return callFailed("fsync", path);
+  }
   return {};
 }
 
@@ -76,7 +82,9 @@ Failure publishSnapshot(const std::string& staged, const std::string& folder, ti
     wanted.timestamp = freeTimestamp(folder, start);
     wanted.path = folder + "/" + kst::trace::kLogDirPrefix + wanted.timestamp + suffix;
     place = move(place, wanted.path);
-    if (place.empty()) return callFailed("rename", wanted.path);
+    if (place.empty()) {
+      return callFailed("rename", wanted.path);
+    }
   } while (place != wanted.path);
 
   if (auto failure = syncPath(folder)) {
@@ -101,7 +109,9 @@ Failure removeOldSnapshots(const std::string& folder, std::size_t limit,
       others.push_back({status.st_ctim, path});
     }
   }
-  if (others.size() < limit) return {};
+  if (others.size() < limit) {
+    return {};
+  }
 
   std::sort(others.begin(), others.end(), [](const Entry& left, const Entry& right) {
     return std::tie(left.changed.tv_sec, left.changed.tv_nsec, left.path) <
@@ -109,7 +119,9 @@ Failure removeOldSnapshots(const std::string& folder, std::size_t limit,
   });
   others.resize(others.size() + 1 - limit);
   for (const Entry& old : others) {
-    if (!kst::support::removeTree(old.path)) return callFailed("remove", old.path);
+    if (!kst::support::removeTree(old.path)) {
+      return callFailed("remove", old.path);
+    }
   }
   return {};
 }
@@ -119,8 +131,12 @@ Failure syncTree(const std::string& path) {
     std::vector<std::string> names;
     kst::support::listDirectory(path, names);
     for (const std::string& name : names) {
-      if (kst::support::isDotName(name)) continue;
-      if (auto failure = syncTree(kst::support::childPath(path, name))) return failure;
+      if (kst::support::isDotName(name)) {
+        continue;
+      }
+      if (auto failure = syncTree(kst::support::childPath(path, name))) {
+        return failure;
+      }
     }
   }
   return syncPath(path);

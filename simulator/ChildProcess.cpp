@@ -39,10 +39,18 @@ void redirectErrors(const char* path) {
                          int errorPipe) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   // The simulator may have been killed before that was set.
-  if (getppid() != parent) _exit(1);
-  if (launch.background) leaveTerminal();
-  if (!launch.errorFile.empty()) redirectErrors(launch.errorFile.c_str());
-  for (const int descriptor : launch.descriptors) fcntl(descriptor, F_SETFD, 0);
+  if (getppid() != parent) {
+    _exit(1);
+  }
+  if (launch.background) {
+    leaveTerminal();
+  }
+  if (!launch.errorFile.empty()) {
+    redirectErrors(launch.errorFile.c_str());
+  }
+  for (const int descriptor : launch.descriptors) {
+    fcntl(descriptor, F_SETFD, 0);
+  }
   resetSignals();
   execvp(arguments[0], arguments);
   const int error = errno;
@@ -64,7 +72,9 @@ int readError(int errorPipe) {
 std::vector<char*> argumentPointers(std::vector<std::string>& command) {
   std::vector<char*> pointers;
   pointers.reserve(command.size() + 1);
-  for (std::string& argument : command) pointers.push_back(argument.data());
+  for (std::string& argument : command) {
+    pointers.push_back(argument.data());
+  }
   pointers.push_back(nullptr);
   return pointers;
 }
@@ -79,11 +89,17 @@ ChildProcess::ChildProcess(const Launch& launch)
   Pipe errorPipe;
   process = fork();
   const int forkError = errno;
-  if (process == 0) become(arguments.data(), launch, parent, errorPipe.writer.get());
+  if (process == 0) {
+    become(arguments.data(), launch, parent, errorPipe.writer.get());
+  }
   errorPipe.writer.close();
   const int error = process < 0 ? forkError : readError(errorPipe.reader.get());
-  if (error == 0) return;
-  if (process > 0) waitpid(process, nullptr, 0);
+  if (error == 0) {
+    return;
+  }
+  if (process > 0) {
+    waitpid(process, nullptr, 0);
+  }
   throw std::system_error(error, std::generic_category(), launch.command.front());
 }
 
@@ -96,7 +112,9 @@ ChildProcess::~ChildProcess() { stop(); }
 
 bool ChildProcess::hasEnded() {
   int status = 0;
-  if (!waitStatus && waitpid(process, &status, WNOHANG) == process) waitStatus = status;
+  if (!waitStatus && waitpid(process, &status, WNOHANG) == process) {
+    waitStatus = status;
+  }
   return waitStatus.has_value();
 }
 
@@ -106,11 +124,15 @@ int ChildProcess::exitStatus() const {
 }
 
 void ChildProcess::send(int signal) {
-  if (!hasEnded()) kill(process, signal);
+  if (!hasEnded()) {
+    kill(process, signal);
+  }
 }
 
 void ChildProcess::stop(int signal) {
-  if (process < 0) return;
+  if (process < 0) {
+    return;
+  }
   send(signal);
   // One that is stopped gets to see the signal only when it goes on.
   send(SIGCONT);
@@ -119,7 +141,9 @@ void ChildProcess::stop(int signal) {
     awaitChildSignal(std::chrono::milliseconds(100));
   }
   send(SIGKILL);
-  while (!hasEnded()) awaitChildSignal(std::chrono::milliseconds(100));
+  while (!hasEnded()) {
+    awaitChildSignal(std::chrono::milliseconds(100));
+  }
 }
 
 }  // namespace simulator

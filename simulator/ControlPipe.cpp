@@ -23,15 +23,21 @@ services::Failure ControlPipe::open(const std::string& path) {
     return services::callFailed("mkfifo", path);
   }
   reader = services::Descriptor(kst::support::openPath(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
-  if (!reader) return services::callFailed("open", path);
+  if (!reader) {
+    return services::callFailed("open", path);
+  }
   writer = services::Descriptor(kst::support::openPath(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC, 0));
-  if (!writer) return services::callFailed("open", path);
+  if (!writer) {
+    return services::callFailed("open", path);
+  }
   return {};
 }
 
 std::vector<std::string> ControlPipe::wait(std::chrono::milliseconds time) const {
   pollfd end{.fd = reader.get(), .events = POLLIN, .revents = 0};
-  if (poll(&end, 1, static_cast<int>(time.count())) <= 0) return {};
+  if (poll(&end, 1, static_cast<int>(time.count())) <= 0) {
+    return {};
+  }
   // A request is at most PIPE_BUF bytes long and was written in one piece, and so it is read.
   std::array<char, PIPE_BUF> buffer;
   std::string text;

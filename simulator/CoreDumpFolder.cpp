@@ -23,7 +23,9 @@ constexpr std::size_t kDumpsKept = 3;
 std::string memoryImage() {
   std::string image(kDumpSize, '\0');
   std::mt19937 random(std::random_device{}());
-  for (char& byte : image) byte = static_cast<char>(random());
+  for (char& byte : image) {
+    byte = static_cast<char>(random());
+  }
   return image;
 }
 
@@ -47,7 +49,9 @@ services::Failure CoreDumpFolder::write(const std::string& title) const {
 
   const services::Descriptor file(
       kst::support::openPath(unfinished, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (!file) return services::callFailed("open", unfinished);
+  if (!file) {
+    return services::callFailed("open", unfinished);
+  }
   if (!kst::support::writeFully(file.get(), dump.data(), dump.size())) {
     return services::callFailed("write", unfinished);
   }

@@ -30,7 +30,9 @@ constexpr std::chrono::milliseconds kLineInterval{100};
 
 int main(int argc, char** argv) {
   const auto root = simulator::readDaemonRoot(argc, argv);
-  if (!root) return 2;
+  if (!root) {
+    return 2;
+  }
   simulator::RotatingLog log(services::DevicePaths(*root).telephonyLogs, "telephony.log",
                              {.fileSize = 65'536, .olderFiles = 3});
   if (const auto failure = log.open()) {

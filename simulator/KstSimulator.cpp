@@ -52,7 +52,9 @@ std::string deviceRoot(const std::string& wanted, const std::string& temporary) 
 
 std::string deviceConfiguration(const std::string& wanted, const std::string& temporary) {
   if (!wanted.empty()) {
-    if (!std::ifstream(wanted)) throw std::runtime_error("cannot read " + wanted);
+    if (!std::ifstream(wanted)) {
+      throw std::runtime_error("cannot read " + wanted);
+    }
     return fs::absolute(wanted);
   }
   std::string path = temporary + "/device.conf";
@@ -100,7 +102,9 @@ int runCommand(const std::vector<std::string>& words, const std::function<void()
 }
 
 std::vector<std::string> commandOrShell(const std::vector<std::string>& command) {
-  if (!command.empty()) return command;
+  if (!command.empty()) {
+    return command;
+  }
   const char* shell = variable("SHELL");
   return {shell != nullptr && *shell != '\0' ? shell : "/bin/sh"};
 }

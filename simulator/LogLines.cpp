@@ -12,7 +12,9 @@ LogLines::LogLines(std::string daemonName, std::span<const char* const> linePatt
 std::string LogLines::next() {
   std::string message = patterns[below(patterns.size())];
   for (char& character : message) {
-    if (character == '#') character = static_cast<char>('0' + below(10));
+    if (character == '#') {
+      character = static_cast<char>('0' + below(10));
+    }
   }
   return TimestampSet().toString(0, kTimestampDate | kTimestampMilliseconds) + " " + daemon + ": " +
          message;

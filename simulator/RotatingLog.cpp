@@ -46,17 +46,23 @@ services::Failure RotatingLog::open() {
   }
   const std::string path = services::lockFileOf(folder);
   lockFile = services::Descriptor(kst::support::openPath(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-  if (!lockFile) return services::callFailed("open", path);
+  if (!lockFile) {
+    return services::callFailed("open", path);
+  }
   return {};
 }
 
 void RotatingLog::append(const std::string& line) {
   const ExclusiveLock lock(lockFile.get());
   const std::string text = line + "\n";
-  if (sizeOf(file) + text.size() > limits.fileSize) rotate();
+  if (sizeOf(file) + text.size() > limits.fileSize) {
+    rotate();
+  }
   const services::Descriptor log(
       kst::support::openPath(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
-  if (log) kst::support::writeFully(log.get(), text.data(), text.size());
+  if (log) {
+    kst::support::writeFully(log.get(), text.data(), text.size());
+  }
 }
 
 /// The oldest log is replaced by the one before it.

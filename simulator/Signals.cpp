@@ -10,7 +10,9 @@ namespace {
 sigset_t setOf(std::initializer_list<int> signals) {
   sigset_t set;
   sigemptyset(&set);
-  for (const int signal : signals) sigaddset(&set, signal);
+  for (const int signal : signals) {
+    sigaddset(&set, signal);
+  }
   return set;
 }
 
@@ -29,7 +31,9 @@ void holdSignals() {
   const sigset_t held = heldSignals();
   // A signal that is ignored would be lost, also while it is blocked.
   for (int signal = 1; signal < SIGSYS; ++signal) {
-    if (sigismember(&held, signal) == 1) std::signal(signal, SIG_DFL);
+    if (sigismember(&held, signal) == 1) {
+      std::signal(signal, SIG_DFL);
+    }
   }
   pthread_sigmask(SIG_BLOCK, &held, nullptr);
 }
@@ -53,7 +57,9 @@ void awaitChildSignal(std::chrono::milliseconds limit) {
 }
 
 void resetSignals() {
-  for (int signal = 1; signal <= SIGRTMAX; ++signal) std::signal(signal, SIG_DFL);
+  for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+    std::signal(signal, SIG_DFL);
+  }
   const sigset_t none = setOf({});
   pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }

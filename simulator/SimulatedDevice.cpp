@@ -71,10 +71,18 @@ SimulatedDevice::SimulatedDevice(const TemporaryFolder& temporaryFolder,
     : folder(temporaryFolder), programs(programFolder), root(deviceRoot) {
   const services::DevicePaths paths(root);
   const auto present = [&](const char* part) { return !absent.contains(part); };
-  if (present(kCorvendPart)) start("Corvend", logGrows(paths.telephonyLogs + "/telephony.log"));
-  if (present(kVexildPart)) start("vexild", logGrows(paths.basebandLogs + "/diag.log"));
-  if (present(kManagerPart)) start("kestrane", managerStarted());
-  if (present(kHelperPart)) start("kestrane-helper", helperAnswers());
+  if (present(kCorvendPart)) {
+    start("Corvend", logGrows(paths.telephonyLogs + "/telephony.log"));
+  }
+  if (present(kVexildPart)) {
+    start("vexild", logGrows(paths.basebandLogs + "/diag.log"));
+  }
+  if (present(kManagerPart)) {
+    start("kestrane", managerStarted());
+  }
+  if (present(kHelperPart)) {
+    start("kestrane-helper", helperAnswers());
+  }
 }
 
 void SimulatedDevice::start(const std::string& program, std::function<bool()> isReady) {
@@ -89,8 +97,12 @@ void SimulatedDevice::awaitReady() {
   for (Part& part : parts) {
     while (!part.isReady()) {
       const std::string& name = part.process.name();
-      if (part.process.hasEnded()) throw std::runtime_error(name + " has ended");
-      if (Clock::now() >= deadline) throw std::runtime_error(name + " did not get ready");
+      if (part.process.hasEnded()) {
+        throw std::runtime_error(name + " has ended");
+      }
+      if (Clock::now() >= deadline) {
+        throw std::runtime_error(name + " did not get ready");
+      }
       const auto signal = nextSignal(kLookInterval);
       if (signal && *signal != SIGCHLD) throw Interrupted{*signal};
     }
@@ -100,7 +112,9 @@ void SimulatedDevice::awaitReady() {
 }
 
 void SimulatedDevice::reap() {
-  for (Part& part : parts) part.process.hasEnded();
+  for (Part& part : parts) {
+    part.process.hasEnded();
+  }
 }
 
 }  // namespace simulator

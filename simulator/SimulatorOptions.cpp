@@ -8,13 +8,17 @@ namespace {
 
 bool isPart(const std::string& name) {
   for (const char* part : {kManagerPart, kHelperPart, kCorvendPart, kVexildPart}) {
-    if (name == part) return true;
+    if (name == part) {
+      return true;
+    }
   }
   return false;
 }
 
 bool readOption(std::string_view option, const std::string& value, SimulatorOptions& options) {
-  if (value.empty()) return false;
+  if (value.empty()) {
+    return false;
+  }
   if (option == "--conf") {
     options.configuration = value;
     return true;
@@ -39,7 +43,9 @@ std::optional<SimulatorOptions> readSimulatorOptions(int argc, const char* const
       options.command.assign(argv + index + 1, argv + argc);
       return options;
     }
-    if (index + 1 == argc || !readOption(argv[index], argv[index + 1], options)) return {};
+    if (index + 1 == argc || !readOption(argv[index], argv[index + 1], options)) {
+      return {};
+    }
   }
   return options;
 }

@@ -22,9 +22,13 @@ const char* variable(const char* name) {
 
 std::string makeFolder() {
   for (const char* parent : {variable("TMPDIR"), variable("XDG_RUNTIME_DIR"), "/tmp"}) {
-    if (parent == nullptr || *parent != '/') continue;
+    if (parent == nullptr || *parent != '/') {
+      continue;
+    }
     std::string path = std::string(parent) + "/kst-simulator-XXXXXX";
-    if (path.size() <= kLongestPath && mkdtemp(path.data()) != nullptr) return path;
+    if (path.size() <= kLongestPath && mkdtemp(path.data()) != nullptr) {
+      return path;
+    }
   }
   throw std::system_error(errno, std::generic_category(), "temporary folder");
 }
@@ -34,9 +38,13 @@ std::string makeFolder() {
   setsid();
   // Whoever reads the simulator's output must not have to wait for this process.
   const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-  for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(nothing, standard);
+  for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    dup2(nothing, standard);
+  }
   char byte = 0;
-  while (read(lifeline, &byte, 1) < 0 && errno == EINTR) continue;
+  while (read(lifeline, &byte, 1) < 0 && errno == EINTR) {
+    continue;
+  }
   kst::support::removeTree(folder);
   _exit(0);
 }
@@ -45,7 +53,9 @@ std::string makeFolder() {
 
 TemporaryFolder::TemporaryFolder() : folder(makeFolder()) {
   remover = fork();
-  if (remover < 0) throw std::system_error(errno, std::generic_category(), "fork");
+  if (remover < 0) {
+    throw std::system_error(errno, std::generic_category(), "fork");
+  }
   if (remover == 0) {
     unused.writer.close();
     removeWhenUnused(folder, unused.reader.get());
@@ -54,7 +64,9 @@ TemporaryFolder::TemporaryFolder() : folder(makeFolder()) {
 
 TemporaryFolder::~TemporaryFolder() {
   unused.writer.close();
-  while (waitpid(remover, nullptr, 0) < 0 && errno == EINTR) continue;
+  while (waitpid(remover, nullptr, 0) < 0 && errno == EINTR) {
+    continue;
+  }
 }
 
 }  // namespace simulator

@@ -28,21 +28,27 @@ constexpr std::array kPatterns = {
 constexpr std::chrono::milliseconds kLineInterval{100};
 
 void report(const services::Failure& failure) {
-  if (failure) std::cerr << "vexild: " << *failure << std::endl;
+  if (failure) {
+    std::cerr << "vexild: " << *failure << std::endl;
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const auto root = simulator::readDaemonRoot(argc, argv);
-  if (!root) return 2;
+  if (!root) {
+    return 2;
+  }
   const services::DevicePaths paths(*root);
   const simulator::CoreDumpFolder dumps(paths.coreDumps);
   simulator::ControlPipe control;
   simulator::RotatingLog log(paths.basebandLogs, "diag.log", {.fileSize = 65'536, .olderFiles = 7});
   for (const services::Failure& failure :
        {dumps.open(), control.open(paths.basebandControl), log.open()}) {
-    if (!failure) continue;
+    if (!failure) {
+      continue;
+    }
     report(failure);
     return 1;
   }

@@ -17,6 +17,9 @@ namespace {
 
 using Work = std::function<void()>;
 
+/// How much later than asked for a timer may fire, in microseconds.
+constexpr std::uint64_t kAccuracy = 1000;
+
 void check(int r, const char* call) {
   if (r < 0) {
     throw std::system_error(-r, std::generic_category(), call);
@@ -90,8 +93,8 @@ void EventLoop::after(std::chrono::milliseconds delay, Work work) {
   const auto microseconds = std::chrono::microseconds(delay);
   sd_event_source* source = nullptr;
   check(sd_event_add_time_relative(event.get(), &source, CLOCK_MONOTONIC,
-                                   static_cast<std::uint64_t>(microseconds.count()), 0, elapsed,
-                                   nullptr),
+                                   static_cast<std::uint64_t>(microseconds.count()), kAccuracy,
+                                   elapsed, nullptr),
         "sd_event_add_time_relative");
   adopt(source, new Work(std::move(work)));
 }

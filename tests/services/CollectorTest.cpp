@@ -45,7 +45,9 @@ std::map<std::string, std::string> contentOf(const std::string& snapshot) {
   }
   const std::unique_ptr<zip_t, decltype(&zip_discard)> archive(
       zip_open(snapshot.c_str(), ZIP_RDONLY, nullptr), zip_discard);
-  if (!archive) return content;
+  if (!archive) {
+    return content;
+  }
   for (zip_int64_t index = 0; index < zip_get_num_entries(archive.get(), 0); ++index) {
     zip_stat_t entry;
     zip_stat_index(archive.get(), static_cast<zip_uint64_t>(index), 0, &entry);
@@ -61,7 +63,9 @@ std::map<std::string, std::string> contentOf(const std::string& snapshot) {
 std::vector<std::string> namesOf(const std::map<std::string, std::string>& content) {
   std::vector<std::string> names;
   names.reserve(content.size());
-  for (const auto& [name, bytes] : content) names.push_back(name);
+  for (const auto& [name, bytes] : content) {
+    names.push_back(name);
+  }
   return names;
 }
 
@@ -204,7 +208,9 @@ TEST_F(CollectorTest, CopesWithLogsThatVanish) {
   std::thread daemon([&] {
     for (int round = 0; !done; ++round) {
       const std::string log = paths.telephonyLogs + "/rotated." + std::to_string(round % 50);
-      if (!fs::remove(log)) writeFile(log, "soon gone");
+      if (!fs::remove(log)) {
+        writeFile(log, "soon gone");
+      }
     }
   });
   for (int round = 0; round < 20; ++round) {
@@ -241,7 +247,9 @@ TEST_F(CollectorTest, FailsWithoutRemains) {
 }
 
 TEST_F(CollectorTest, FailsOnWhatItMayNotRead) {
-  if (geteuid() == 0) GTEST_SKIP() << "the superuser may read everything";
+  if (geteuid() == 0) {
+    GTEST_SKIP() << "the superuser may read everything";
+  }
   const std::string closed = paths.telephonyLogs + "/closed";
   writeFile(closed, "closed");
   fs::permissions(closed, fs::perms::none);
@@ -282,7 +290,9 @@ TEST_F(CollectorTest, FailsWithoutRemainsWhenWritingFails) {
   // The copies have room, the archive of what cannot be compressed has not.
   std::string noise(60'000, '\0');
   std::uint32_t state = 1;
-  for (char& byte : noise) byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+  for (char& byte : noise) {
+    byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+  }
   fs::remove(paths.basebandLogs + "/diag.log");
   writeFile(paths.basebandLogs + "/diag.1", noise);
   writeFile(paths.basebandLogs + "/diag.2", noise);
@@ -326,7 +336,9 @@ TEST_F(CollectorTest, RemovesSnapshotsOfTheAgeLimitButNotTheNewOne) {
   // one.
   struct stat status {};
   ASSERT_EQ(stat(old.c_str(), &status), 0);
-  while (time(nullptr) - status.st_ctime < 2) usleep(20'000);
+  while (time(nullptr) - status.st_ctime < 2) {
+    usleep(20'000);
+  }
   const CollectionOutcome outcome = collect(folderRequest(), {.number = 32, .maximumAge = 2});
   EXPECT_THAT(namesIn(paths.snapshots), ElementsAre("log-bb-" + outcome.timestamp + "-telephony"));
 }

@@ -62,7 +62,9 @@ TEST_F(SnapshotsTest, NothingIsPublishedWithoutAPlaceForIt) {
 }
 
 TEST_F(SnapshotsTest, SparesTheNewestWhateverTheClockSays) {
-  for (const char* name : {"log-bb-1", "log-bb-2", "log-bb-3"}) writeFile(folder + "/" + name, "");
+  for (const char* name : {"log-bb-1", "log-bb-2", "log-bb-3"}) {
+    writeFile(folder + "/" + name, "");
+  }
   EXPECT_FALSE(removeOldSnapshots(folder, 1, folder + "/log-bb-1"));
   EXPECT_THAT(namesIn(folder), ElementsAre("log-bb-1"));
 }

@@ -32,7 +32,9 @@ std::string readFile(const std::string& path) {
 
 std::vector<std::string> namesIn(const std::string& folder) {
   std::vector<std::string> names;
-  if (!fs::exists(folder)) return names;
+  if (!fs::exists(folder)) {
+    return names;
+  }
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
     names.push_back(entry.path().filename());
   }

@@ -133,6 +133,7 @@ TEST(CommandShell, OneShot) {
       {{"cd"}, kHelp, false},
       {{"cd", "g", "x"}, kHelp, false},
       {{"cd", "g/ok"}, kGroupHelp, false},
+      {{"cd", "g/."}, kGroupHelp, false},
       {{"cd", "g/../x/both", "--", "ok"}, "/r.ok\n", true},
       // Names that clash: "cd", then options, then sub-commands, then the shell's own words.
       {{"x", "cd"}, helpOf({"x"}), false},

@@ -17,7 +17,9 @@ TEST(RotatingLogTest, KeepsTheLatestLinesWithinItsBounds) {
   writeFile(folder + "/diag.log", "of an earlier run\n");
   RotatingLog log(folder, "diag.log", {.fileSize = 32, .olderFiles = 2});
   ASSERT_FALSE(log.open());
-  for (int line = 10; line < 30; ++line) log.append("line " + std::to_string(line));
+  for (int line = 10; line < 30; ++line) {
+    log.append("line " + std::to_string(line));
+  }
 
   EXPECT_THAT(namesIn(folder), testing::ElementsAre("diag.log", "diag.log.1", "diag.log.2"));
   EXPECT_EQ(readFile(folder + "/diag.log.2"), "line 19\nline 20\nline 21\nline 22\n");

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <string_view>
+#include <vector>
 
 #include "platform/message/Utf8.h"
 
@@ -66,8 +66,9 @@ TEST(MessageValue, TextThatNoMessageCanCarryIsNull) {
     EXPECT_TRUE(MessageValue(bytes).isNull()) << testing::PrintToString(bytes);
     EXPECT_TRUE(MessageValue("a" + bytes + "z").isNull()) << testing::PrintToString(bytes);
   }
-  const std::string_view euro = "\xe2\x82\xac";
-  EXPECT_FALSE(isMessageText(euro.substr(0, 2)));  // the rest lies behind the end
+  // Nothing behind the end is looked at: the address sanitizer sees it.
+  const std::vector<char> cut = {'\xe2', '\x82'};
+  EXPECT_FALSE(isMessageText({cut.data(), cut.size()}));
 }
 
 }  // namespace
