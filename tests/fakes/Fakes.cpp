@@ -14,7 +14,8 @@
 #include "platform/device/ProgramName.h"
 #include "platform/device/RadioInfo.h"
 
-struct ManagerClient {
+class ManagerClient {
+ public:
   /// Runs `work` on the queue and waits for its end.
   void runOnQueue(const std::function<void()>& work) const {
     const TaskGroup done = TaskGroup::create();
