@@ -14,7 +14,9 @@ CollectingService::CollectingService(std::string name, const dbus::Peer& service
   // A daemon that ends while it is written to, or a limit on file sizes, is an error of that write.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  for (const int signal : {SIGTERM, SIGINT}) loop.onSignal(signal, [this] { stop(); });
+  for (const int signal : {SIGTERM, SIGINT}) {
+    loop.onSignal(signal, [this] { stop(); });
+  }
   worker = std::thread([this] { work.serve(); });
 }
 

@@ -104,7 +104,9 @@ void SimulatedDevice::awaitReady() {
         throw std::runtime_error(name + " did not get ready");
       }
       const auto signal = nextSignal(kLookInterval);
-      if (signal && *signal != SIGCHLD) throw Interrupted{*signal};
+      if (signal && *signal != SIGCHLD) {
+        throw Interrupted{*signal};
+      }
     }
     // Lets go of the client that has watched it.
     part.isReady = nullptr;
