@@ -11,6 +11,7 @@
 #include "platform/device/RadioInfo.h"
 #include "services/CoreDump.h"
 #include "services/Descriptor.h"
+#include "services/Folder.h"
 #include "services/LogFiles.h"
 #include "services/PrintableText.h"
 #include "services/Snapshots.h"
@@ -24,7 +25,6 @@
 namespace services {
 namespace {
 
-constexpr mode_t kFolderMode = 0755;
 constexpr std::chrono::seconds kCoreDumpLimit{10};
 constexpr std::int32_t kVendorWithDiag = 2;
 
@@ -42,13 +42,6 @@ std::string snapshotSuffix(const CollectionRequest& request) {
     return "-baseband.zip";
   }
   return RadioInfo::getRadioVendor() == kVendorWithDiag ? "-diag" : "-bb-trace";
-}
-
-Failure makeFolder(const std::string& path) {
-  if (!kst::support::makeDirectory(path, kFolderMode, true)) {
-    return callFailed("mkdir", path);
-  }
-  return {};
 }
 
 /// One collection, from the request to the snapshot.

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "services/Descriptor.h"
+#include "services/Folder.h"
 #include "support/FileOperations.h"
 
 namespace services {
@@ -15,7 +16,9 @@ DumpIndication::~DumpIndication() { kst::support::removeFile(file); }
 
 Failure DumpIndication::raise() const {
   kst::support::removeFile(file);
-  kst::support::makeDirectory(kst::support::parentDirectory(file), 0755, true);
+  if (auto failure = makeFolder(kst::support::parentDirectory(file))) {
+    return failure;
+  }
   const Descriptor created(
       kst::support::openPath(file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
   if (!created) {

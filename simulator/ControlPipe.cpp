@@ -10,14 +10,15 @@
 #include <climits>
 
 #include "platform/text/SplitString.h"
+#include "services/Folder.h"
 #include "support/FileOperations.h"
 
 namespace simulator {
 
 services::Failure ControlPipe::open(const std::string& path) {
   const std::string folder = kst::support::parentDirectory(path);
-  if (!kst::support::makeDirectory(folder, 0755, true)) {
-    return services::callFailed("mkdir", folder);
+  if (auto failure = services::makeFolder(folder)) {
+    return failure;
   }
   if (mkfifo(path.c_str(), 0600) != 0 && errno != EEXIST) {
     return services::callFailed("mkfifo", path);

@@ -10,6 +10,7 @@
 
 #include "logdump/TimestampSet.h"
 #include "services/Descriptor.h"
+#include "services/Folder.h"
 #include "support/FileOperations.h"
 #include "support/LogDirectory.h"
 
@@ -35,8 +36,8 @@ CoreDumpFolder::CoreDumpFolder(std::string path)
     : folder(std::move(path)), unfinished(folder + "/.unfinished") {}
 
 services::Failure CoreDumpFolder::open() const {
-  if (!kst::support::makeDirectory(folder, 0755, true)) {
-    return services::callFailed("mkdir", folder);
+  if (auto failure = services::makeFolder(folder)) {
+    return failure;
   }
   kst::support::removeFile(unfinished);
   return {};

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "services/DevicePaths.h"
+#include "services/Folder.h"
 #include "support/FileOperations.h"
 
 namespace simulator {
@@ -41,8 +42,8 @@ RotatingLog::RotatingLog(std::string logFolder, const std::string& name, Limits 
     : folder(std::move(logFolder)), file(folder + "/" + name), limits(logLimits) {}
 
 services::Failure RotatingLog::open() {
-  if (!kst::support::makeDirectory(folder, 0755, true)) {
-    return services::callFailed("mkdir", folder);
+  if (auto failure = services::makeFolder(folder)) {
+    return failure;
   }
   const std::string path = services::lockFileOf(folder);
   lockFile = services::Descriptor(kst::support::openPath(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));

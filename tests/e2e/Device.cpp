@@ -11,28 +11,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// A device.conf for a phone with everything, changed by `settings`.
-std::string writeConfig(const std::map<std::string, std::string>& settings) {
-  std::map<std::string, std::string> values = {{"radio", "1"},
-                                               {"radio_vendor", "1"},
-                                               {"product", "1"},
-                                               {"internal_build", "true"},
-                                               {"trace_allowed", "true"},
-                                               {"trace.BasebandTrace.Enabled", "true"}};
-  for (const auto& [key, value] : settings) {
-    values[key] = value;
-  }
-  std::string path = testing::TempDir() + "kst-e2e-" + std::to_string(getpid()) + ".conf";
-  std::ofstream file(path);
-  for (const auto& [key, value] : values) {
-    file << key << " = " << value << "\n";
-  }
-  return path;
-}
-
-std::vector<std::string> simulatorCommand(const std::vector<std::string>& absent,
-                                          const std::string& config) {
-  std::vector<std::string> command = {"kst-simulator", "--conf", config};
+std::vector<std::string> simulatorCommand(const std::vector<std::string>& absent) {
+  std::vector<std::string> command = {"kst-simulator"};
   for (const std::string& part : absent) {
     command.insert(command.end(), {"--absent", part});
   }
@@ -45,7 +25,7 @@ std::vector<std::string> simulatorCommand(const std::vector<std::string>& absent
 
 Device::Device(const std::vector<std::string>& absent,
                const std::map<std::string, std::string>& settings)
-    : simulator(simulatorCommand(absent, writeConfig(settings))) {
+    : simulator(simulatorCommand(absent)) {
   std::istringstream lines(simulator.readUntil("\nready\n"));
   for (std::string line; std::getline(lines, line);) {
     for (const std::string name :
@@ -54,6 +34,11 @@ Device::Device(const std::vector<std::string>& absent,
         environment[name] = line.substr(name.size() + 1);
       }
     }
+  }
+  // The last value of a key counts, and every question reads the file anew.
+  std::ofstream config(environment.at("KESTRANE_DEVICE_CONF"), std::ios::app);
+  for (const auto& [key, value] : settings) {
+    config << key << " = " << value << "\n";
   }
 }
 

@@ -108,6 +108,9 @@ void Program::closeInput() {
 
 /// Waits for something on either stream; false when both have ended.
 bool Program::readSome() {
+  if (outputEnd < 0 && errorEnd < 0) {
+    return false;
+  }
   std::array<pollfd, 2> ends = {pollfd{outputEnd, POLLIN, 0}, pollfd{errorEnd, POLLIN, 0}};
   if (poll(ends.data(), ends.size(), 30'000) <= 0) {
     ADD_FAILURE() << "nothing more within 30 s after: " << output;

@@ -9,33 +9,6 @@ namespace {
 
 using namespace diag::config;  // NOLINT(google-build-using-namespace): the names make the tables
 
-/// Expects the arguments to be pairs of a constant and its text.
-template <typename... Texts>
-void expectPairs(const Texts&... constantsAndTexts) {
-  const std::vector<std::string> all = {constantsAndTexts...};
-  for (std::size_t i = 0; i < all.size(); i += 2) {
-    EXPECT_EQ(all[i], all[i + 1]);
-  }
-}
-
-TEST(DiagConfig, Constants) {
-  expectPairs(
-      kTempEnabledKey, "Enabled_Temp", kTempModeKey, "Mode_Temp", kPrimaryDMCFileKey, "File",
-      kSecondaryDMCFileKey, "File_Secondary", kExtraDMCFileKey, "File_Extra", kSleepDMCFileKey,
-      "File_Sleep", kEnabledDuringSleepKey, "Enabled_During_Sleep", kUseThresholdKey,
-      "Use_Threshold", kHighWatermarkKey, "High_Watermark", kLowWatermarkKey, "Low_Watermark",
-      kBufferingOnAPAwake, "Buffering_On_AP_Awake", kStallDetectionKey, "Stall_Detection",
-      kStallDetectionRecoveryKey, "Stall_Detection_Recovery", kKeepScratchLogsKey,
-      "KeepScratchLogs", kDefaultPrimaryDMCFile, "Default", kDefaultSecondaryDMCFile, "None",
-      kDefaultExtraDMCFile, "None", kDefaultSleepDMCFile, "Sleep", kThroughputDMCFile, "Tput",
-      kNoneDMCFile, "None", kDIAGScratchDir, "DIAG.scratch", kADPLScratchDir, "DPL.scratch");
-  EXPECT_THAT(
-      (std::vector<std::int32_t>{kDefaultMode, kDefaultHistory, kDefaultWatchHistory, kMaxHistory,
-                                 kDefaultUseThreshold, kDefaultHighWatermark, kDefaultLowWatermark,
-                                 kDefaultStallDetection, kDefaultADPLHistory}),
-      testing::ElementsAre(0, 256, 64, 2048, 1, 95, 1, 0, 128));
-}
-
 template <typename Enum>
 void expectTexts(const std::vector<std::string>& texts) {
   static_assert(sizeof(Enum) == 4);

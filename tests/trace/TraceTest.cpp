@@ -16,30 +16,6 @@ namespace {
 using namespace kst::trace;  // NOLINT(google-build-using-namespace): the names make the tables
 using Log = std::vector<std::string>;
 
-/// Expects the arguments to be pairs of a constant and its text.
-template <typename... Texts>
-void expectPairs(const Texts&... constantsAndTexts) {
-  const std::vector<std::string> all = {constantsAndTexts...};
-  for (std::size_t i = 0; i < all.size(); i += 2) {
-    EXPECT_EQ(all[i], all[i + 1]);
-  }
-}
-
-TEST(Trace, ConstantsAreTheSharedVocabulary) {
-  expectPairs(kScratchFolder, "/var/wireless/Library/Logs/Kestrane/", kTrashFolder,
-              "/var/wireless/Library/Logs/kst.trash/", kSnapshotFolder,
-              "/var/wireless/Library/Logs/FaultDepot/Baseband/", kWorkspaceFolder,
-              "/var/wireless/Library/Logs/kst.workspace/", kUncompressedFolder,
-              "/var/wireless/Library/Logs/kst.workspace/uncompressed/", kKSTPostfix, "kst",
-              kKSTInfoFilename, "/kst-info.txt", kLogDirPrefix, "log-bb-", kDumpIndicationFilePath,
-              "/tmp/Kestrane.dumping", kNumberOfLogsInSnapshotPath,
-              "Trace::NumberOfLogsInSnapshotPath", kCoreDump, "CoreDump", kBasebandTrace,
-              "BasebandTrace", kIPC, "IPC", kCSI, "CSILog", kTEL, "TelephonyLog", kBasebandIPC,
-              "BasebandIPC", kKST, "KST", kCompression, "Compression", kQuickTicket, "QuickTicket",
-              kSystemLogs, "SystemLogs", kProfile, "Profile", kJUNTrace, "JUNTrace", kJUNCoreDump,
-              "JUNCoreDump", kDIAG, "DIAG", kZORCoreDump, "ZORCoreDump");
-}
-
 TEST(Trace, QueriesOfTheRadioKindAskOnce) {
   fakes::script().traceAllowed = true;
   fakes::script().carrierBuild = true;

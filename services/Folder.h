@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+#include "services/Failure.h"
+
+namespace services {
+
+/// Makes a folder (mode 0755) and those above it where they are missing, also while other services
+/// and daemons do the same.
+Failure makeFolder(const std::string& path);
+
+}  // namespace services
