@@ -43,7 +43,6 @@ std::string makeFolder() {
   }
   char byte = 0;
   while (read(lifeline, &byte, 1) < 0 && errno == EINTR) {
-    continue;
   }
   kst::support::removeTree(folder);
   _exit(0);
@@ -65,7 +64,6 @@ TemporaryFolder::TemporaryFolder() : folder(makeFolder()) {
 TemporaryFolder::~TemporaryFolder() {
   unused.writer.close();
   while (waitpid(remover, nullptr, 0) < 0 && errno == EINTR) {
-    continue;
   }
 }
 

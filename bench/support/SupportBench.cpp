@@ -44,36 +44,42 @@ bool removeByProgram(const std::string& path) {
 
 bool removeByPruning(const std::string& path) { return pruneDirectory(path, 0); }
 
-void benchmarkRemoval(benchmark::State& state, bool (*remove)(const std::string&)) {
-  for ([[maybe_unused]] auto iteration : state) {
-    state.PauseTiming();
-    const TemporaryDirectory directory;
-    const std::string tree = directory / "tree";
-    mkdir(tree.c_str(), 0755);
+constexpr int kRemovals = 3;
+
+/// One tree for every removal, all made before the first one: after that many files were deleted
+/// some file systems take minutes to make new ones.
+std::vector<std::string> makeTrees(const TemporaryDirectory& parent, int count) {
+  std::vector<std::string> trees;
+  for (int number = 0; number < count; ++number) {
+    trees.push_back(parent / std::to_string(number));
+    mkdir(trees.back().c_str(), 0755);
     for (int folder = 0; folder < 1000; ++folder) {
-      const std::string path = tree + "/folder-" + std::to_string(folder);
+      const std::string path = trees.back() + "/folder-" + std::to_string(folder);
       mkdir(path.c_str(), 0755);
       makeFiles(path + "/log-", 100);
     }
-    state.ResumeTiming();
-    if (!remove(tree)) {
-      state.SkipWithError("the tree could not be removed");
+  }
+  return trees;
+}
+
+void benchmarkRemoval(benchmark::State& state, bool (*remove)(const std::string&)) {
+  static const TemporaryDirectory parent;
+  static std::vector<std::string> trees = makeTrees(parent, 3 * kRemovals);
+  for ([[maybe_unused]] auto iteration : state) {
+    if (trees.empty() || !remove(trees.back())) {
+      state.SkipWithError("no tree left, or one that could not be removed");
       return;
     }
+    trees.pop_back();
   }
 }
-BENCHMARK_CAPTURE(benchmarkRemoval, rm, removeByProgram)
-    ->Iterations(3)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(benchmarkRemoval, removeTree, removeTree)
-    ->Iterations(3)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(benchmarkRemoval, pruneDirectory, removeByPruning)
-    ->Iterations(3)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+
+void removals(benchmark::internal::Benchmark* benchmark) {
+  benchmark->Iterations(kRemovals)->UseRealTime()->Unit(benchmark::kMillisecond);
+}
+BENCHMARK_CAPTURE(benchmarkRemoval, rm, removeByProgram)->Apply(removals);
+BENCHMARK_CAPTURE(benchmarkRemoval, removeTree, removeTree)->Apply(removals);
+BENCHMARK_CAPTURE(benchmarkRemoval, pruneDirectory, removeByPruning)->Apply(removals);
 
 // Copying, against the system calls that a copy with a buffer of 1024 bytes cannot do without.
 

@@ -45,7 +45,7 @@ TEST_F(FileOperationsTest, FlushesAStreamUnlessNothingCouldBeWritten) {
 
 TEST_F(FileOperationsTest, CopiesBytesAndOnRequestTheMode) {
   const mode_t mask = umask(027);
-  for (const size_t size : {0, 1023, 1024, 5000}) {
+  for (const size_t size : {0UL, 1023UL, 1024UL, 5000UL}) {
     SCOPED_TRACE(size);
     const std::string content(size, '\0');
     const std::string source = makeFile("source", content);
@@ -195,7 +195,7 @@ TEST_F(FileOperationsTest, RemovesFoldersWithoutPermissionOnlyIfTheyAreEmpty) {
   }
   const std::string folder = directory / "tree/folder";
   makeFile("tree/folder/file");
-  for (const mode_t mode : {0, 0555}) {
+  for (const mode_t mode : {0U, 0555U}) {
     EXPECT_TRUE(changeMode(folder, mode));
     EXPECT_FALSE(removeTree(directory / "tree"));
     EXPECT_TRUE(changeMode(folder, 0755) && pathExists(folder + "/file"));
