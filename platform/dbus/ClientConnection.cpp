@@ -69,14 +69,16 @@ class ClientConnection::Io {
   static int onState(sd_bus_message* message, void* self, sd_bus_error* error);
   static int onDisconnected(sd_bus_message* message, void* self, sd_bus_error* error);
   static int onReply(sd_bus_message* message, void* pendingCall, sd_bus_error* error);
+  static int onConnectLimit(sd_event_source* source, std::uint64_t time, void* self);
 
   const Peer peer;
   const StateHandler stateChanged;
-  bool answered = false;     // whether `bus` has ever answered
-  bool unreachable = false;  // `bus` is given up before anything could be sent on it
-  BusPtr bus;                // empty between two attempts to connect
-  std::string owner;         // the unique name of the service; empty while it is not on the bus
-  SlotPtr stateQuery;        // the property query that is out; must go before `bus`
+  bool answered = false;        // whether `bus` has ever answered
+  bool unreachable = false;     // `bus` is given up before anything could be sent on it
+  BusPtr bus;                   // empty between two attempts to connect
+  std::string owner;            // the unique name of the service; empty while it is not on the bus
+  SlotPtr stateQuery;           // the property query that is out; must go before `bus`
+  EventSourcePtr connectLimit;  // runs until the bus has answered for the first time
 };
 
 void ClientConnection::Io::connect() {
@@ -84,12 +86,23 @@ void ClientConnection::Io::connect() {
     disconnect();
     return;
   }
-  loop.after(kConnectLimit, [this, tried = bus.get()] {
-    if (bus.get() == tried && sd_bus_is_ready(tried) == 0) {
-      unreachable = true;
-      disconnect();
-    }
-  });
+  sd_event_source* source = nullptr;
+  const std::chrono::microseconds limit = kConnectLimit;
+  if (sd_event_add_time_relative(loop.native(), &source, CLOCK_MONOTONIC,
+                                 static_cast<std::uint64_t>(limit.count()), 0, onConnectLimit,
+                                 this) >= 0) {
+    connectLimit.reset(source);
+  }
+}
+
+int ClientConnection::Io::onConnectLimit(sd_event_source* /*source*/, std::uint64_t /*time*/,
+                                         void* self) {
+  auto& io = *static_cast<Io*>(self);
+  if (sd_bus_is_ready(io.bus.get()) == 0) {
+    io.unreachable = true;
+    io.disconnect();
+  }
+  return 0;
 }
 
 int ClientConnection::Io::openBus() {
@@ -131,6 +144,7 @@ int ClientConnection::Io::subscribe() {
 }
 
 void ClientConnection::Io::disconnect() {
+  connectLimit.reset();
   stateQuery.reset();
   bus.reset();  // calls that are still out are answered by this
   answered = false;
@@ -215,6 +229,7 @@ int ClientConnection::Io::onBusAnswer(sd_bus_message* message, void* self,
     return 0;  // the connection failed; `onDisconnected` comes next
   }
   io.answered = true;
+  io.connectLimit.reset();
   const char* name = "";
   if (sd_bus_message_is_method_error(message, nullptr) > 0 ||
       sd_bus_message_read(message, "s", &name) < 0) {

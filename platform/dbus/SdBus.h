@@ -1,6 +1,7 @@
 #pragma once
 
 #include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
 
 #include <memory>
 
@@ -18,8 +19,12 @@ struct MessageDeleter {
 struct SlotDeleter {
   void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
 };
+struct EventSourceDeleter {
+  void operator()(sd_event_source* source) const { sd_event_source_unref(source); }
+};
 
 using BusPtr = std::unique_ptr<sd_bus, BusDeleter>;
+using EventSourcePtr = std::unique_ptr<sd_event_source, EventSourceDeleter>;
 using MessagePtr = std::unique_ptr<sd_bus_message, MessageDeleter>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, SlotDeleter>;
 
