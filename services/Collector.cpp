@@ -10,12 +10,12 @@
 #include "logdump/TimestampSet.h"
 #include "platform/device/RadioInfo.h"
 #include "services/CoreDump.h"
-#include "services/Descriptor.h"
 #include "services/Folder.h"
 #include "services/LogFiles.h"
 #include "services/PrintableText.h"
 #include "services/Snapshots.h"
 #include "services/ZipArchive.h"
+#include "support/Descriptor.h"
 #include "support/DirectoryStream.h"
 #include "support/FileOperations.h"
 #include "support/LogDirectory.h"
@@ -91,7 +91,7 @@ class Collection {
     }
 
     // The daemons' logs stand still from the listing to the end of the copying.
-    std::vector<Descriptor> locks(sources.size());
+    std::vector<kst::support::Descriptor> locks(sources.size());
     std::vector<LogFile> files;
     for (std::size_t index = 0; index < sources.size(); ++index) {
       const std::string& source = sources[index];
@@ -172,7 +172,7 @@ class Collection {
   Failure writeInfo() {
     const std::string path = folder + kst::trace::kKSTInfoFilename;
     const std::string text = info();
-    const Descriptor file(
+    const kst::support::Descriptor file(
         kst::support::openPath(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
     if (!file) {
       return callFailed("open", path);

@@ -11,7 +11,7 @@
 #include <set>
 #include <vector>
 
-#include "services/Descriptor.h"
+#include "support/Descriptor.h"
 #include "support/FileOperations.h"
 
 namespace services {
@@ -26,8 +26,8 @@ class ControlPipe {
  public:
   Failure open(const std::string& path) {
     // Without a reader the open would wait; so it fails with ENXIO.
-    end =
-        Descriptor(kst::support::openPath(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW, 0));
+    end = kst::support::Descriptor(
+        kst::support::openPath(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW, 0));
     if (!end) {
       const bool unread = errno == ENXIO || errno == ENOENT;
       return callFailed(unread ? "vexild does not run: open" : "open", path);
@@ -53,7 +53,7 @@ class ControlPipe {
   }
 
  private:
-  Descriptor end;
+  kst::support::Descriptor end;
 };
 
 /// One line, short enough to be written in one piece.

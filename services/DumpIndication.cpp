@@ -4,8 +4,8 @@
 
 #include <utility>
 
-#include "services/Descriptor.h"
 #include "services/Folder.h"
+#include "support/Descriptor.h"
 #include "support/FileOperations.h"
 
 namespace services {
@@ -19,7 +19,7 @@ Failure DumpIndication::raise() const {
   if (auto failure = makeFolder(kst::support::parentDirectory(file))) {
     return failure;
   }
-  const Descriptor created(
+  const kst::support::Descriptor created(
       kst::support::openPath(file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
   if (!created) {
     return callFailed("open", file);

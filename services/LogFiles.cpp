@@ -10,18 +10,10 @@
 #include "support/FileOperations.h"
 
 namespace services {
-namespace {
-
-bool isLink(const std::string& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
-
-}  // namespace
 
 Failure listLogFiles(const std::string& folder, const std::string& name,
                      std::vector<LogFile>& files) {
-  if (isLink(folder)) {
+  if (kst::support::isSymbolicLink(folder)) {
     return folder + " is a link";
   }
   std::vector<std::string> entries;
@@ -59,9 +51,9 @@ Failure listLogFiles(const std::string& folder, const std::string& name,
   return {};
 }
 
-Failure lockFolder(const std::string& folder, Descriptor& lock) {
+Failure lockFolder(const std::string& folder, kst::support::Descriptor& lock) {
   const std::string lockFile = lockFileOf(folder);
-  lock = Descriptor(kst::support::lockFileShared(lockFile));
+  lock = kst::support::Descriptor(kst::support::lockFileShared(lockFile));
   if (!lock && errno != ENOENT) {
     return callFailed("lock", lockFile);
   }

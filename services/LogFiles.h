@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "services/Descriptor.h"
 #include "services/Failure.h"
+#include "support/Descriptor.h"
 
 namespace services {
 
@@ -24,6 +24,6 @@ Failure listLogFiles(const std::string& folder, const std::string& name,
 /// Locks the logs of a folder against changes by the daemon that writes them, until `lock` is
 /// closed. Waits while the daemon is in the middle of a line. A folder that has no lock file is not
 /// locked: no daemon writes it.
-Failure lockFolder(const std::string& folder, Descriptor& lock);
+Failure lockFolder(const std::string& folder, kst::support::Descriptor& lock);
 
 }  // namespace services

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "logdump/TimestampSet.h"
-#include "services/Descriptor.h"
+#include "support/Descriptor.h"
 #include "support/DirectoryStream.h"
 #include "support/FileOperations.h"
 #include "support/LogDirectory.h"
@@ -61,7 +61,8 @@ std::string move(const std::string& staged, const std::string& wanted) {
 }
 
 Failure syncPath(const std::string& path) {
-  const Descriptor entry(kst::support::openPath(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW, 0));
+  const kst::support::Descriptor entry(
+      kst::support::openPath(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW, 0));
   if (!entry) {
     return callFailed("open", path);
   }

@@ -23,11 +23,13 @@ services::Failure ControlPipe::open(const std::string& path) {
   if (mkfifo(path.c_str(), 0600) != 0 && errno != EEXIST) {
     return services::callFailed("mkfifo", path);
   }
-  reader = services::Descriptor(kst::support::openPath(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
+  reader =
+      kst::support::Descriptor(kst::support::openPath(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
   if (!reader) {
     return services::callFailed("open", path);
   }
-  writer = services::Descriptor(kst::support::openPath(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC, 0));
+  writer =
+      kst::support::Descriptor(kst::support::openPath(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC, 0));
   if (!writer) {
     return services::callFailed("open", path);
   }

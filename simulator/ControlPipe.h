@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "services/Descriptor.h"
 #include "services/Failure.h"
+#include "support/Descriptor.h"
 
 namespace simulator {
 
@@ -19,8 +19,8 @@ class ControlPipe {
   [[nodiscard]] std::vector<std::string> wait(std::chrono::milliseconds time) const;
 
  private:
-  services::Descriptor reader;
-  services::Descriptor
+  kst::support::Descriptor reader;
+  kst::support::Descriptor
       writer;  // without one of its own, the reader would see an end after each request
 };
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "logdump/TimestampSet.h"
-#include "services/Descriptor.h"
 #include "services/Folder.h"
+#include "support/Descriptor.h"
 #include "support/FileOperations.h"
 #include "support/LogDirectory.h"
 
@@ -48,7 +48,7 @@ services::Failure CoreDumpFolder::write(const std::string& title) const {
   const std::string finished = kst::support::uniquePath(folder + "/core-" + time + ".bin");
   const std::string dump = "VEXILD CORE DUMP " + time + "\n" + title + "\n" + memoryImage();
 
-  const services::Descriptor file(
+  const kst::support::Descriptor file(
       kst::support::openPath(unfinished, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!file) {
     return services::callFailed("open", unfinished);

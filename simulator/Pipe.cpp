@@ -14,8 +14,8 @@ Pipe::Pipe() {
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe");
   }
-  reader = services::Descriptor(ends[0]);
-  writer = services::Descriptor(ends[1]);
+  reader = kst::support::Descriptor(ends[0]);
+  writer = kst::support::Descriptor(ends[1]);
 }
 
 }  // namespace simulator

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "services/Descriptor.h"
+#include "support/Descriptor.h"
 
 namespace simulator {
 
@@ -9,8 +9,8 @@ struct Pipe {
   /// Throws std::system_error when the system has no descriptors left.
   Pipe();
 
-  services::Descriptor reader;
-  services::Descriptor writer;
+  kst::support::Descriptor reader;
+  kst::support::Descriptor writer;
 };
 
 }  // namespace simulator

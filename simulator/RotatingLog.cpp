@@ -46,7 +46,8 @@ services::Failure RotatingLog::open() {
     return failure;
   }
   const std::string path = services::lockFileOf(folder);
-  lockFile = services::Descriptor(kst::support::openPath(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  lockFile =
+      kst::support::Descriptor(kst::support::openPath(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (!lockFile) {
     return services::callFailed("open", path);
   }
@@ -59,7 +60,7 @@ void RotatingLog::append(const std::string& line) {
   if (sizeOf(file) + text.size() > limits.fileSize) {
     rotate();
   }
-  const services::Descriptor log(
+  const kst::support::Descriptor log(
       kst::support::openPath(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
   if (log) {
     kst::support::writeFully(log.get(), text.data(), text.size());

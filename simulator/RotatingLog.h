@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <string>
 
-#include "services/Descriptor.h"
 #include "services/Failure.h"
+#include "support/Descriptor.h"
 
 namespace simulator {
 
@@ -34,7 +34,7 @@ class RotatingLog {
   const std::string folder;
   const std::string file;
   const Limits limits;
-  services::Descriptor lockFile;
+  kst::support::Descriptor lockFile;
 };
 
 }  // namespace simulator

@@ -14,32 +14,12 @@
 #include <utility>
 
 #include "platform/text/SplitString.h"
+#include "support/Descriptor.h"
 #include "support/DirectoryStream.h"
 
 namespace kst::support {
 
 namespace {
-
-/// Closes a descriptor at the end of its scope and leaves `errno` alone.
-class ScopedDescriptor {
- public:
-  explicit ScopedDescriptor(int openDescriptor) : descriptor(openDescriptor) {}
-  ScopedDescriptor(const ScopedDescriptor&) = delete;
-  ScopedDescriptor& operator=(const ScopedDescriptor&) = delete;
-
-  ~ScopedDescriptor() {
-    if (descriptor >= 0) {
-      const int error = errno;
-      closeRetrying(descriptor);
-      errno = error;
-    }
-  }
-
-  [[nodiscard]] int get() const { return descriptor; }
-
- private:
-  int descriptor;
-};
 
 bool copyBytes(int source, int destination) {
   std::array<char, 1024> buffer;
@@ -145,13 +125,13 @@ bool closeRetrying(int descriptor) {
 }
 
 bool copyFile(const std::string& source, const std::string& destination, bool copyPermissions) {
-  const ScopedDescriptor from(openPath(source, O_RDONLY | O_CLOEXEC, 0));
-  if (from.get() < 0) {
+  const Descriptor from(openPath(source, O_RDONLY | O_CLOEXEC, 0));
+  if (!from) {
     return false;
   }
   constexpr int kDestinationFlags = O_WRONLY | O_NONBLOCK | O_CREAT | O_TRUNC | O_CLOEXEC;
-  const ScopedDescriptor to(openPath(destination, kDestinationFlags, 0644));
-  if (to.get() < 0) {
+  const Descriptor to(openPath(destination, kDestinationFlags, 0644));
+  if (!to) {
     return false;
   }
   return copyBytes(from.get(), to.get()) && (!copyPermissions || copyMode(from.get(), to.get()));
@@ -206,6 +186,11 @@ bool fileSize(const std::string& path, size_t& size) {
 bool pathExists(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0;
+}
+
+bool isSymbolicLink(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 bool isDirectory(const std::string& path) {
@@ -279,16 +264,12 @@ bool removeEntry(const std::string& path) {
 }
 
 int lockFileShared(const std::string& path) {
-  const int descriptor = openPath(path, O_RDONLY | O_CLOEXEC, 0);
-  if (descriptor >= 0 && !setLock(descriptor, F_RDLCK)) {
-    const ScopedDescriptor closing(descriptor);
-    return -1;
-  }
-  return descriptor;
+  Descriptor file(openPath(path, O_RDONLY | O_CLOEXEC, 0));
+  return file && setLock(file.get(), F_RDLCK) ? file.release() : -1;
 }
 
 bool unlockFile(int descriptor) {
-  const ScopedDescriptor closing(descriptor);
+  const Descriptor closing(descriptor);
   return setLock(descriptor, F_UNLCK);
 }
 

@@ -54,6 +54,9 @@ bool fileSize(const std::string& path, size_t& size);
 /// True if `stat` succeeds: a dangling link does not exist.
 bool pathExists(const std::string& path);
 
+/// True if the path itself is a symbolic link (`lstat`), dangling or not.
+bool isSymbolicLink(const std::string& path);
+
 /// True if the path, links followed, can be read as a directory. A directory without read
 /// permission is none.
 bool isDirectory(const std::string& path);

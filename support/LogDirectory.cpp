@@ -38,11 +38,6 @@ bool hasReachedAge(const std::string& path, time_t now, uint64_t age) {
          difftime(now, status.st_ctime) >= static_cast<double>(age);
 }
 
-bool isSymbolicLink(const std::string& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
-
 /// A name that is too much for the matcher does not match.
 bool matches(const std::string& name, const std::regex& pattern) {
   try {
