@@ -5,23 +5,39 @@
 #include <cerrno>
 #include <memory>
 #include <string>
+#include <string_view>
+
+#include "support/Descriptor.h"
 
 namespace kst::support {
 
 /// A directory that is read entry by entry. Closing it leaves `errno` alone.
 class DirectoryStream {
  public:
-  /// `opendir`: links are followed, and `errno` tells the reason if `isOpen` is false.
+  DirectoryStream() = default;
+
+  /// `opendir`: links are followed. If `isOpen` is false, `errno` tells the reason.
   explicit DirectoryStream(const std::string& path) : stream(opendir(path.c_str())) {}
+
+  /// `fdopendir`, unless `directory` is none.
+  explicit DirectoryStream(Descriptor directory)
+      : stream(directory ? fdopendir(directory.get()) : nullptr) {
+    if (isOpen()) {
+      static_cast<void>(directory.release());  // the stream's from now on
+    }
+  }
 
   [[nodiscard]] bool isOpen() const { return stream != nullptr; }
 
-  /// The name of the next entry, valid until the next call; null behind the last one. REQUIRES:
-  /// `isOpen`.
-  const char* nextName() {
-    const dirent* entry = readdir(stream.get());  // NOLINT(concurrency-mt-unsafe): its own stream
-    return entry != nullptr ? entry->d_name : nullptr;
+  /// The next entry, valid until the next call; null behind the last one. REQUIRES: `isOpen`.
+  const dirent* next() {
+    return readdir(stream.get());  // NOLINT(concurrency-mt-unsafe): its own stream
   }
+
+  /// The descriptor of the open directory, which stays the stream's. REQUIRES: `isOpen`.
+  [[nodiscard]] int descriptor() const { return dirfd(stream.get()); }
+
+  void close() { stream.reset(); }
 
  private:
   struct Closer {
@@ -36,7 +52,7 @@ class DirectoryStream {
 };
 
 /// True for "." and "..", which every directory has and which are no entries of its own.
-inline bool isDotName(const std::string& name) { return name == "." || name == ".."; }
+inline bool isDotName(std::string_view name) { return name == "." || name == ".."; }
 
 inline std::string childPath(const std::string& directory, const std::string& name) {
   return directory + '/' + name;

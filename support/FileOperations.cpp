@@ -5,7 +5,6 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <fstream>
@@ -16,6 +15,7 @@
 #include "platform/text/SplitString.h"
 #include "support/Descriptor.h"
 #include "support/DirectoryStream.h"
+#include "support/TreeRemoval.h"
 
 namespace kst::support {
 
@@ -39,16 +39,46 @@ bool copyMode(int source, int destination) {
   return fstat(source, &status) == 0 && fchmod(destination, status.st_mode) == 0;
 }
 
-/// Opens a file together with its size. A directory's end says nothing, and opening a pipe would
-/// wait for a writer: neither is opened.
-bool openSized(const std::string& path, std::ios::openmode mode, std::ifstream& file,
-               size_t& size) {
+/// Opens a file that has a size, and tells it. Does not wait: a pipe without a writer opens at
+/// once, and has none.
+Descriptor openSized(const std::string& path, off_t& size) {
+  Descriptor file(openPath(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0 || S_ISDIR(status.st_mode) || S_ISFIFO(status.st_mode)) {
+  if (!file || fstat(file.get(), &status) != 0) {
+    return {};
+  }
+  if (S_ISDIR(status.st_mode)) {  // its end has a position, but that is no size
+    errno = EISDIR;
+    return {};
+  }
+  size = lseek(file.get(), 0, SEEK_END);
+  return size >= 0 ? std::move(file) : Descriptor();
+}
+
+bool readFully(int descriptor, char* data, size_t length) {
+  while (length > 0) {
+    const ssize_t count = read(descriptor, data, length);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      errno = count < 0 ? errno : ENODATA;
+      return false;
+    }
+    data += count;
+    length -= static_cast<size_t>(count);
+  }
+  return true;
+}
+
+/// False if `size_t` is too small for the position of the end.
+bool storeSize(std::streamoff end, size_t& size) {
+  if (!std::in_range<size_t>(end)) {
+    errno = EFBIG;
     return false;
   }
-  file.open(path, mode);
-  return streamSize(file, size);
+  size = static_cast<size_t>(end);
+  return true;
 }
 
 /// Sets or releases the lock on the whole file, however long it grows.
@@ -61,26 +91,6 @@ bool setLock(int descriptor, short type) {
   lock.l_pid = getpid();
   return fcntl(descriptor, F_SETLKW, &lock) == 0;
 }
-
-/// A directory that can be read and that is not reached through a link, so that its entries belong
-/// to the tree.
-bool isTreeDirectory(const std::string& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && isDirectory(path);
-}
-
-/// A directory that is being emptied, and the names in it that are still to be removed, the next
-/// one last.
-struct TreeLevel {
-  explicit TreeLevel(std::string directory) : path(std::move(directory)) {
-    listDirectory(path, names);
-    std::erase_if(names, isDotName);
-    std::reverse(names.begin(), names.end());
-  }
-
-  std::string path;
-  std::vector<std::string> names;
-};
 
 }  // namespace
 
@@ -142,27 +152,29 @@ void listDirectory(const std::string& path, std::vector<std::string>& names) {
   if (!directory.isOpen()) {
     return;
   }
-  while (const char* name = directory.nextName()) {
-    names.emplace_back(name);
+  while (const dirent* entry = directory.next()) {
+    names.emplace_back(entry->d_name);
   }
 }
 
 bool readWholeFile(const std::string& path, std::vector<char>& content) {
-  std::ifstream file;
-  size_t size = 0;
-  if (!openSized(path, std::ios::binary, file, size)) {
+  off_t size = 0;
+  const Descriptor file = openSized(path, size);
+  if (!file) {
     return false;
   }
   if (size == 0 || size > std::numeric_limits<int32_t>::max()) {
+    errno = size == 0 ? ENODATA : EFBIG;
     return false;
   }
-  content.resize(size);
-  file.read(content.data(), static_cast<std::streamsize>(size));
-  return static_cast<size_t>(file.gcount()) == size;
+  content.resize(static_cast<size_t>(size));
+  return lseek(file.get(), 0, SEEK_SET) == 0 &&
+         readFully(file.get(), content.data(), content.size());
 }
 
 bool streamSize(std::ifstream& stream, size_t& size) {
   if (!stream.is_open()) {
+    errno = EBADF;
     return false;
   }
   // The buffer's own positions: those of the stream cannot be had once a read has met the end of
@@ -174,13 +186,12 @@ bool streamSize(std::ifstream& stream, size_t& size) {
     return false;
   }
   file.pubseekoff(position, std::ios::beg, std::ios::in);
-  size = static_cast<size_t>(end);
-  return true;
+  return storeSize(end, size);
 }
 
 bool fileSize(const std::string& path, size_t& size) {
-  std::ifstream file;
-  return openSized(path, std::ios::in, file, size);
+  off_t end = 0;
+  return openSized(path, end) && storeSize(end, size);
 }
 
 bool pathExists(const std::string& path) {
@@ -198,7 +209,7 @@ bool isDirectory(const std::string& path) {
     return false;
   }
   DirectoryStream directory(path);
-  return directory.isOpen() && directory.nextName() != nullptr;
+  return directory.isOpen() && directory.next() != nullptr;
 }
 
 bool makeDirectory(const std::string& path, mode_t mode, bool recursive) {
@@ -225,42 +236,26 @@ bool renamePath(const std::string& oldPath, const std::string& newPath) {
 
 bool changeMode(const std::string& path, mode_t mode) { return chmod(path.c_str(), mode) == 0; }
 
-bool removeFile(const std::string& path) {
-  return remove(path.c_str()) == 0 || unlink(path.c_str()) == 0;
-}
+bool removeFile(const std::string& path) { return removeFileAt(AT_FDCWD, path); }
 
 bool removeTree(const std::string& path) {
   if (!pathExists(path)) {
     return true;
   }
   const std::string top = withoutTrailingSlashes(path);
-  if (!isTreeDirectory(top)) {
-    removeFile(top);
-    return true;
-  }
-  // No recursion and no directory kept open: the depth of the tree costs neither stack nor
-  // descriptors.
-  std::vector<TreeLevel> levels{TreeLevel(top)};
-  while (!levels.empty()) {
-    TreeLevel& level = levels.back();
-    if (level.names.empty()) {
-      removeFile(level.path);
-      levels.pop_back();
-      continue;
-    }
-    std::string child = childPath(level.path, level.names.back());
-    level.names.pop_back();
-    if (isTreeDirectory(child)) {
-      levels.emplace_back(std::move(child));
-    } else if (!removeFile(child)) {
+  if (DirectoryStream directory = openDirectory(AT_FDCWD, top); directory.isOpen()) {
+    const auto all = [](int, const std::string&) { return true; };
+    if (!removeEntries(std::move(directory), all)) {
       return false;
     }
   }
+  removeFile(top);
   return true;
 }
 
 bool removeEntry(const std::string& path) {
-  return isTreeDirectory(path) ? removeTree(path) : removeFile(path);
+  const bool isTree = openDirectory(AT_FDCWD, path).isOpen();
+  return isTree ? removeTree(path) : removeFile(path);
 }
 
 int lockFileShared(const std::string& path) {
@@ -278,7 +273,11 @@ size_t hashString(const std::string& text) { return std::hash<std::string>()(tex
 bool fileSystemSpace(const std::string& path, uint64_t& totalBlocks, uint64_t& freeBlocks,
                      uint64_t& fragmentSize) {
   struct statvfs status {};
-  if (path.empty() || statvfs(path.c_str(), &status) != 0) {
+  if (path.empty()) {
+    errno = ENOENT;
+    return false;
+  }
+  if (statvfs(path.c_str(), &status) != 0) {
     return false;
   }
   totalBlocks = status.f_blocks;

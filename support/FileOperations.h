@@ -11,7 +11,8 @@
 
 /// File and directory operations over the POSIX calls. They keep no state, may be called from any
 /// thread, take paths as they come, and neither throw nor print for anything that a file system
-/// does: the result tells the outcome, and `errno` is left as the call that failed set it.
+/// does: the result tells the outcome, and `errno` the reason, as the call that failed set it or as
+/// said below. Files are as large as the file system lets them, on 32-bit systems too.
 namespace kst::support {
 
 /// Writes all `length` bytes. False as soon as `write` fails, EINTR included; what was written
@@ -25,12 +26,14 @@ bool writeStreamFully(FILE* stream, const void* data, size_t length);
 /// `open` with these arguments. The caller owns the descriptor; negative on failure.
 int openPath(const std::string& path, int flags, mode_t mode);
 
-/// `close`, repeated while it fails with EINTR.
+/// `close`, repeated while it fails with EINTR. On Linux the descriptor is closed even then, so the
+/// repetition gives false (EBADF), unless another thread has been given its number meanwhile.
 bool closeRetrying(int descriptor);
 
 /// Copies the bytes of `source`, and on request its permission bits, to `destination`, which is
 /// created (mode 0644 less the umask) or truncated. After a failure `destination` keeps what was
-/// written so far.
+/// written so far. Waits for a writer if `source` is a pipe. REQUIRES: two different files; a file
+/// that is copied onto itself, under whatever name, is emptied, and the result is true.
 bool copyFile(const std::string& source, const std::string& destination, bool copyPermissions);
 
 /// Appends the names of the directory's entries, "." and ".." included, in the order in which
@@ -38,17 +41,18 @@ bool copyFile(const std::string& source, const std::string& destination, bool co
 void listDirectory(const std::string& path, std::vector<std::string>& names);
 
 /// Replaces `content` by the bytes of the file. False, and `content` untouched, if it cannot be
-/// opened, is empty, has no size (a directory, a pipe) or has 2^31 bytes or more; false as well if
-/// fewer bytes than its size can be read.
+/// opened, is empty (ENODATA), has no size (a directory: EISDIR, a pipe: ESPIPE) or has 2^31 bytes
+/// or more (EFBIG); false as well if fewer bytes than its size can be read (ENODATA if it ends
+/// early). Does not wait for the other end of a pipe.
 bool readWholeFile(const std::string& path, std::vector<char>& content);
 
 /// The size in bytes of the file that `stream` has open: the position of its end. The read position
-/// and the state of the stream stay. False, and `size` untouched, if no file is open or its end has
-/// no position.
+/// and the state of the stream stay. False, and `size` untouched, if no file is open (EBADF), its
+/// end has no position (ESPIPE for a pipe) or does not fit (EFBIG).
 bool streamSize(std::ifstream& stream, size_t& size);
 
-/// The size in bytes of the file. False, and `size` untouched, if it cannot be opened for reading
-/// or has no size.
+/// The size in bytes of the file. False, and `size` untouched, if it cannot be opened for reading,
+/// has no size (a directory: EISDIR, a pipe: ESPIPE) or one that does not fit (EFBIG).
 bool fileSize(const std::string& path, size_t& size);
 
 /// True if `stat` succeeds: a dangling link does not exist.
@@ -75,11 +79,12 @@ bool changeMode(const std::string& path, mode_t mode);
 /// Removes a file, a link or an empty directory.
 bool removeFile(const std::string& path);
 
-/// Removes the path and everything below it; of a symbolic link, at any level, only the link. Stops
-/// with false at the first entry below `path` that cannot be removed; what was removed before stays
-/// removed. True if nothing exists at `path`, a dangling link included, which stays. Whether a
-/// directory could be removed once it was emptied is not part of the result. REQUIRES: nobody puts
-/// a link in the place of a directory of the tree meanwhile.
+/// Removes the path and everything below it, of any depth; of a symbolic link, at any level, only
+/// the link. Stops with false at the first entry below `path` that cannot be removed; what was
+/// removed before stays removed. True if nothing exists at `path`, a dangling link included, which
+/// stays. Whether a directory could be removed once it was emptied is not part of the result.
+/// Whoever swaps, links or moves directories of the tree meanwhile cannot lead the removal out of
+/// it; one moved away while it was being emptied may give false (ENOENT). Takes two descriptors.
 bool removeTree(const std::string& path);
 
 /// Removes what a directory's entry names: a directory as `removeTree` does, a link or anything
@@ -100,8 +105,8 @@ bool unlockFile(int descriptor);
 size_t hashString(const std::string& text);
 
 /// Capacity of the file system that holds `path`: both counts in units of `fragmentSize` bytes,
-/// `freeBlocks` with those that are reserved for the superuser. On failure the outputs are
-/// untouched.
+/// `freeBlocks` with those that are reserved for the superuser. On failure, which an empty path is
+/// (ENOENT), the outputs are untouched.
 bool fileSystemSpace(const std::string& path, uint64_t& totalBlocks, uint64_t& freeBlocks,
                      uint64_t& fragmentSize);
 

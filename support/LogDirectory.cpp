@@ -8,11 +8,14 @@
 #include <climits>
 #include <cstdlib>
 #include <ctime>
+#include <locale>
 #include <system_error>
+#include <utility>
 
 #include "platform/text/SplitString.h"
 #include "support/DirectoryStream.h"
 #include "support/FileOperations.h"
+#include "support/TreeRemoval.h"
 
 namespace kst::support {
 
@@ -32,19 +35,25 @@ std::string firstFreeNumber(const std::string& head, const std::string& tail) {
   }
 }
 
-bool hasReachedAge(const std::string& path, time_t now, uint64_t age) {
+bool hasReachedAge(int directory, const std::string& name, time_t now, uint64_t age) {
   struct stat status {};
-  return stat(path.c_str(), &status) == 0 &&
+  return fstatat(directory, name.c_str(), &status, 0) == 0 &&
          difftime(now, status.st_ctime) >= static_cast<double>(age);
 }
 
 /// A name that is too much for the matcher does not match.
-bool matches(const std::string& name, const std::regex& pattern) {
+bool matches(const char* name, const std::regex& pattern) {
   try {
     return std::regex_match(name, pattern);
   } catch (const std::regex_error&) {
     return false;
   }
+}
+
+/// The type that the directory itself tells of its entry, where the file system puts it there.
+bool isLink(const dirent& entry, const std::string& directory) {
+  return entry.d_type == DT_UNKNOWN ? isSymbolicLink(childPath(directory, entry.d_name))
+                                    : entry.d_type == DT_LNK;
 }
 
 void reportUnreadable(const std::string& directory) {
@@ -53,18 +62,33 @@ void reportUnreadable(const std::string& directory) {
   errno = error;
 }
 
+/// libstdc++ looks characters up in tables of the locale that it fills on first use without a lock,
+/// when it compiles a regular expression and with some of them when it matches. Filled here, before
+/// the program has a second thread, they are only read later.
+bool fillCharacterTables() {
+  const auto& characters = std::use_facet<std::ctype<char>>(std::locale::classic());
+  for (int character = 1; character <= UCHAR_MAX; ++character) {
+    characters.narrow(static_cast<char>(character), '\0');
+    characters.widen(static_cast<char>(character));
+  }
+  return true;
+}
+[[maybe_unused]] const bool kCharacterTablesAreFilled = fillCharacterTables();
+
 /// The number behind the last "-" as `strtol` reads it, "0x10" and "010" included; 0 if there is
 /// none.
 uint32_t numberOf(const std::string& name) {
   const std::vector<std::string> pieces = splitString(name, '-');
-  return pieces.empty() ? 0 : static_cast<uint32_t>(std::strtol(pieces.back().c_str(), nullptr, 0));
+  // Not strtol: the number shall not depend on the size of long.
+  return pieces.empty() ? 0
+                        : static_cast<uint32_t>(std::strtoll(pieces.back().c_str(), nullptr, 0));
 }
 
 /// The names of the siblings of `base`, which is a regular expression; empty if it is none.
 std::vector<std::string> numberedNames(const std::string& directory, const std::string& base) {
-  // std::regex compiles by recursion, at one level a character: what is longer than any path may
-  // take is not tried.
-  if (base.size() >= PATH_MAX) {
+  constexpr size_t kLongestBase =
+      1024;  // the regex compiler's recursion goes as deep as it is long
+  if (base.size() > kLongestBase) {
     return {};
   }
   std::vector<std::string> names;
@@ -104,22 +128,14 @@ std::string moveToUniquePath(const std::string& directory, const std::string& ne
 }
 
 bool pruneDirectory(const std::string& directory, uint64_t maximumAge) {
-  std::vector<std::string> names;
-  listDirectory(directory, names);
-  const time_t now = std::time(nullptr);
-  for (const std::string& name : names) {
-    if (isDotName(name)) {
-      continue;
-    }
-    const std::string child = childPath(directory, name);
-    if (maximumAge != 0 && !hasReachedAge(child, now, maximumAge)) {
-      continue;
-    }
-    if (!removeEntry(child)) {
-      return false;
-    }
+  DirectoryStream stream(directory);
+  if (!stream.isOpen()) {
+    return true;
   }
-  return true;
+  const time_t now = std::time(nullptr);
+  return removeEntries(std::move(stream), [now, maximumAge](int parent, const std::string& name) {
+    return maximumAge == 0 || hasReachedAge(parent, name, now, maximumAge);
+  });
 }
 
 bool collectMatchingNames(const std::string& directory, const std::regex& pattern,
@@ -130,16 +146,10 @@ bool collectMatchingNames(const std::string& directory, const std::regex& patter
     return false;
   }
   const size_t earlierNames = names.size();
-  while (const char* entry = stream.nextName()) {
-    const std::string name = entry;
-    if (isDotName(name)) {
-      continue;
-    }
-    if (!includeSymbolicLinks && isSymbolicLink(childPath(directory, name))) {
-      continue;
-    }
-    if (matches(name, pattern)) {
-      names.push_back(name);
+  while (const dirent* entry = stream.next()) {
+    if (!isDotName(entry->d_name) && matches(entry->d_name, pattern) &&
+        (includeSymbolicLinks || !isLink(*entry, directory))) {
+      names.emplace_back(entry->d_name);
     }
   }
   return names.size() > earlierNames;

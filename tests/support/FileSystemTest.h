@@ -1,7 +1,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -14,11 +16,26 @@
 /// A directory to work in, and the check that no test leaves a descriptor open.
 class FileSystemTest : public testing::Test {
  protected:
-  void TearDown() override { EXPECT_EQ(openDescriptors(), descriptorsBefore); }
+  void TearDown() override {
+    EXPECT_EQ(seteuid(getuid()), 0);
+    EXPECT_EQ(openDescriptors(), descriptorsBefore);
+  }
+
+  /// To the end of the test; permissions matter to no one else.
+  void becomeOrdinaryUser() {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() == 0 &&
+        (chown(directory.path.c_str(), kNobody, kNobody) != 0 || seteuid(kNobody) != 0)) {
+      GTEST_SKIP() << "root cannot be anybody else here";
+    }
+  }
+
+  /// The reason of a call that gave false; 0 for one that gave true.
+  static int errorOf(bool result) { return result ? 0 : errno; }
 
   static std::ptrdiff_t openDescriptors() {
     const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-    return std::distance(begin(descriptors), end(descriptors));
+    return std::distance(begin(descriptors), end(descriptors)) - 1;  // less the iterator's
   }
 
   /// Writes a file below the directory, in new folders if need be, and returns its path.
@@ -40,15 +57,17 @@ class FileSystemTest : public testing::Test {
     return content.str();
   }
 
-  [[nodiscard]] std::vector<std::string> entries() const {
+  /// The names in a folder below the directory, in the order of `readdir`.
+  [[nodiscard]] std::vector<std::string> entries(const std::string& folder = "") const {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(directory.path)) {
+    for (const auto& entry : std::filesystem::directory_iterator(directory / folder)) {
       names.push_back(entry.path().filename());
     }
     return names;
   }
 
   const TemporaryDirectory directory;
+  const std::string oddName = "line\nfeed [a-z]*\\(\xff\xfe";
 
  private:
   const std::ptrdiff_t descriptorsBefore = openDescriptors();

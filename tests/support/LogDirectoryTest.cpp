@@ -1,15 +1,15 @@
 #include "support/LogDirectory.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
 #include <cerrno>
-#include <climits>
 #include <ctime>
+#include <thread>
 
 #include "support/FileOperations.h"
+#include "tests/fakes/SystemCalls.h"
 #include "tests/support/FileSystemTest.h"
 
 namespace kst::support {
@@ -24,17 +24,16 @@ TEST_F(LogDirectoryTest, FindsFreeNames) {
     makeFile(name);
   }
   makeLink("dangling", "none");
-  const struct {
-    std::string name, unique, keepingSuffix;
-  } cases[] = {{"bb", "bb-2", "bb-2"},
-               {"log.tar.gz", "log.tar.gz-1", "log-2.tar.gz"},
-               {"a b\xff.x", "a b\xff.x-1", "a-1 b\xff.x"},
-               {"my.dir/x.txt", "my.dir/x.txt-1", "my-1.dir/x.txt"},
-               {"free\nline", "free\nline", "free\nline"},
-               {"dangling", "dangling", "dangling"}};
-  for (const auto& test : cases) {
-    EXPECT_EQ(uniquePath(directory / test.name), directory / test.unique);
-    EXPECT_EQ(uniquePathKeepingSuffix(directory / test.name), directory / test.keepingSuffix);
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {"bb", "bb-2", "bb-2"},
+      {"log.tar.gz", "log.tar.gz-1", "log-2.tar.gz"},
+      {"a b\xff.x", "a b\xff.x-1", "a-1 b\xff.x"},
+      {"my.dir/x.txt", "my.dir/x.txt-1", "my-1.dir/x.txt"},
+      {"free\nline", "free\nline", "free\nline"},
+      {"dangling", "dangling", "dangling"}};
+  for (const auto& [name, unique, keepingSuffix] : cases) {
+    EXPECT_EQ(uniquePath(directory / name), directory / unique);
+    EXPECT_EQ(uniquePathKeepingSuffix(directory / name), directory / keepingSuffix);
   }
   EXPECT_EQ(uniquePathKeepingSuffix(directory / "line\nfeed"), "");
 }
@@ -43,55 +42,61 @@ TEST_F(LogDirectoryTest, MovesADirectoryToAFreeName) {
   makeFile("half/log");
   makeFile("final");
   EXPECT_EQ(moveToUniquePath(directory / "half", directory / "final"), directory / "final-1");
-  EXPECT_TRUE(pathExists(directory / "final-1/log"));
   EXPECT_EQ(moveToUniquePath(directory / "final", directory / "file"), "");
   EXPECT_EQ(moveToUniquePath(directory / "final-1", directory / "none/final"), "");
   EXPECT_THAT(entries(), UnorderedElementsAre("final", "final-1"));
-}
-
-TEST_F(LogDirectoryTest, PrunesEverythingButTheDirectory) {
-  const TemporaryDirectory outside;
-  std::ofstream(outside / "kept") << "kept";
-  makeFile("folder/file");
-  makeFile("line\nfeed \xff");
-  makeLink("folder/link", outside.path);
-  makeLink("link", outside.path);
-  makeLink("dangling", "none");
-  EXPECT_TRUE(pruneDirectory(directory.path, 0));
-  EXPECT_THAT(entries(), UnorderedElementsAre());
-  EXPECT_EQ(contentOf(outside / "kept"), "kept");
-  EXPECT_TRUE(pruneDirectory(directory / "none", 0));
+  EXPECT_THAT(entries("final-1"), UnorderedElementsAre("log"));
 }
 
 TEST_F(LogDirectoryTest, PrunesByTheTimeOfTheLastStatusChange) {
-  const std::string file = makeFile("old-content");
-  const timespec longAgo[2] = {{0, 0}, {0, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), longAgo, 0), 0);
+  const std::string file = makeFile("file");
+  std::filesystem::last_write_time(file, {});
   makeLink("dangling", "none");
-  makeLink("link", "/bin/sh");  // as old as what it leads to, and no test can make an entry old
-  struct stat shell {};
-  ASSERT_EQ(stat("/bin/sh", &shell), 0);
-  const auto age = static_cast<uint64_t>(difftime(std::time(nullptr), shell.st_ctime));
-  EXPECT_TRUE(pruneDirectory(directory.path, UINT64_MAX));
-  EXPECT_TRUE(pruneDirectory(directory.path, age + 3600));
-  EXPECT_THAT(entries(), UnorderedElementsAre("dangling", "link", "old-content"));
-  EXPECT_TRUE(pruneDirectory(directory.path, age));
-  EXPECT_THAT(entries(), UnorderedElementsAre("dangling", "old-content"));
+  struct stat status {};
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
+  SystemCalls calls;
+  for (const auto& [age, limit] : {std::pair(1000, uint64_t{1001}), std::pair(1000, UINT64_MAX),
+                                   std::pair(0, uint64_t{1}), std::pair(-1000, uint64_t{1000})}) {
+    calls.now = status.st_ctime + age;
+    EXPECT_TRUE(pruneDirectory(directory.path, limit) && pathExists(file)) << age << ' ' << limit;
+  }
+  calls.now = status.st_ctime + 1000;
+  EXPECT_TRUE(pruneDirectory(directory.path, 1000));
+  EXPECT_THAT(entries(), UnorderedElementsAre("dangling"));
+  EXPECT_TRUE(pruneDirectory(directory.path, 0) && pruneDirectory(directory / "none", 0));
+  EXPECT_THAT(entries(), UnorderedElementsAre());
 }
 
-TEST_F(LogDirectoryTest, StopsAtWhatNoPathIsLongEnoughFor) {
-  const std::filesystem::path start = std::filesystem::current_path();
-  std::filesystem::current_path(directory.path);
-  const std::string name(200, 'd');
-  for (int level = 0; level <= PATH_MAX / 200; ++level) {
-    std::filesystem::create_directory(name);
-    std::filesystem::current_path(name);
+TEST_F(LogDirectoryTest, LooksAtEachAgeRightBeforeTheRemoval) {
+  for (const std::string number : {"1", "2", "3", "4", "5", "6"}) {
+    makeLink("link" + number, "file" + number);
+    makeFile("file" + number);
   }
-  std::filesystem::current_path(start);
-  EXPECT_FALSE(pruneDirectory(directory.path, 0));
-  EXPECT_FALSE(removeTree(directory.path));
-  EXPECT_EQ(errno, ENAMETOOLONG);
-  EXPECT_THAT(entries(), UnorderedElementsAre(name));
+  makeLink("folder/dangling", makeFile("folder/file") + "-none");
+  std::string seen;
+  std::vector<std::string> left;  // the links whose files are gone when it is their turn
+  for (const std::string& name : entries()) {
+    if (seen.find("file" + name.substr(4)) != std::string::npos) {
+      left.push_back(name);
+    }
+    seen += name;
+  }
+  SystemCalls calls;
+  calls.now = std::time(nullptr) + 1001;
+  EXPECT_TRUE(pruneDirectory(directory.path, 1000));
+  EXPECT_THAT(entries(), testing::UnorderedElementsAreArray(left));
+}
+
+TEST_F(LogDirectoryTest, FailsForAnEntryThatVanishesAfterItsAgeWasSeen) {
+  for (const std::string moment : {"fstatat", "unlinkat"}) {
+    const std::string file = makeFile("file");
+    SystemCalls calls;
+    calls.now = std::time(nullptr) + 1001;
+    calls.before = [&](const std::string& function) {
+      return function == moment && remove(file.c_str()) != 0 ? errno : 0;
+    };
+    EXPECT_EQ(pruneDirectory(directory.path, 1000), moment == "fstatat");
+  }
 }
 
 TEST_F(LogDirectoryTest, CollectsNamesThatMatchAsAWhole) {
@@ -99,22 +104,22 @@ TEST_F(LogDirectoryTest, CollectsNamesThatMatchAsAWhole) {
     makeFile(name);
   }
   makeLink("bb-link", "bb-1");
-  const struct {
-    const char* pattern;
-    bool withLinks;
-    std::vector<std::string> found;
-  } cases[] = {
+  const std::tuple<std::string, bool, std::vector<std::string>> cases[] = {
       {"bb-[[:alnum:]]*", false, {"bb-1", "bb-x", "bb-"}},
       {"bb-[[:alnum:]]*", true, {"bb-1", "bb-x", "bb-", "bb-link"}},
       {"[^]*[\n\xff]", false, {"bb-1\n", "bb-\xff"}},
       {"\\.*", false, {}},
   };
-  for (const auto& [pattern, withLinks, found] : cases) {
-    std::vector<std::string> names{"earlier"};
-    EXPECT_EQ(collectMatchingNames(directory.path, std::regex(pattern), names, withLinks),
-              !found.empty());
-    names.erase(names.begin());
-    EXPECT_THAT(names, testing::UnorderedElementsAreArray(found)) << pattern;
+  for (const bool typesAreUnknown : {false, true}) {
+    SystemCalls calls;
+    calls.typesAreUnknown = typesAreUnknown;
+    for (const auto& [pattern, withLinks, found] : cases) {
+      std::vector<std::string> names{"earlier"};
+      EXPECT_EQ(collectMatchingNames(directory.path, std::regex(pattern), names, withLinks),
+                !found.empty());
+      names.erase(names.begin());
+      EXPECT_THAT(names, testing::UnorderedElementsAreArray(found)) << pattern;
+    }
   }
 }
 
@@ -123,8 +128,7 @@ TEST_F(LogDirectoryTest, ReportsADirectoryThatCannotBeOpenedToTheSystemLog) {
   const int mask = setlogmask(LOG_MASK(LOG_ERR));  // NOLINT(concurrency-mt-unsafe)
   std::vector<std::string> names;
   testing::internal::CaptureStderr();
-  EXPECT_FALSE(collectMatchingNames(makeFile("%s"), std::regex(".*"), names, true));
-  EXPECT_EQ(errno, ENOTDIR);
+  EXPECT_EQ(errorOf(collectMatchingNames(makeFile("%s"), std::regex(".*"), names, true)), ENOTDIR);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "test: " + directory / "%s" + " (Not a directory)\n");
   setlogmask(mask);  // NOLINT(concurrency-mt-unsafe)
@@ -139,27 +143,27 @@ TEST_F(LogDirectoryTest, FindsTheHighestNumberOfASeries) {
     makeFile(name);
   }
   makeLink("bb-99", "bb-2");
-  const std::pair<std::string, std::string> cases[] = {{"bb", "bb-10/"},
-                                                       {"bb///", "bb-10/"},
-                                                       {"hex", "hex-16/"},
-                                                       {"oct", "oct-8/"},
-                                                       {"none", "none-0/"},
-                                                       {"big", "big-4294967295/"},
-                                                       {"a.b", "a.b-5/"},
-                                                       {"my-bb", "my-bb-4/"},
-                                                       {"7", "7-7/"},
-                                                       {"(none)?", "(none)?-0/"},
-                                                       {"missing", ""},
-                                                       {"[z-a]", ""},
-                                                       {"(bb", ""},
-                                                       {"bb{99999}", ""},
-                                                       {std::string(1 << 20, 'x'), ""}};
-  for (const auto& [name, found] : cases) {
-    EXPECT_EQ(latestNumberedPath(directory / name), found.empty() ? "" : directory / found);
+  const std::string longest = '[' + std::string(1021, 'b') + "]b";
+  for (const auto& [name, number] :
+       {std::pair("bb", "10"), std::pair("hex", "16"), std::pair("oct", "8"),
+        std::pair("none", "0"), std::pair("big", "4294967295"), std::pair("a.b", "5"),
+        std::pair("my-bb", "4"), std::pair("7", "7"), std::pair("(none)?", "0"),
+        std::pair(longest.c_str(), "10")}) {
+    const std::string path = directory / name;
+    EXPECT_EQ(latestNumberedPath(path + "//"), path + '-' + number + '/');
   }
-  for (const char* path : {"", "/", "//", "bb"}) {
+  for (const std::string& path : {std::string(), std::string("/"), std::string("//"),
+                                  std::string("bb"), directory / "missing", directory / "[z-a]",
+                                  directory / "(bb", directory / "[b" + longest.substr(1)}) {
     EXPECT_EQ(latestNumberedPath(path), "") << path;
   }
+}
+
+TEST_F(LogDirectoryTest, FindsNumbersInSeveralThreads) {
+  makeFile("bb-1");
+  const auto find = [this] { EXPECT_NE(latestNumberedPath(directory / "bb"), ""); };
+  const std::jthread other(find);
+  find();
 }
 
 }  // namespace

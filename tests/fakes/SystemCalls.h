@@ -1,0 +1,29 @@
+#pragma once
+
+#include <sys/statvfs.h>
+
+#include <climits>
+#include <ctime>
+#include <functional>
+#include <optional>
+#include <string>
+
+/// Interposes system calls while it lives, those of its own thread: a call goes through to the
+/// system unless it is told otherwise here.
+struct SystemCalls {
+  SystemCalls();
+  SystemCalls(const SystemCalls&) = delete;
+  SystemCalls& operator=(const SystemCalls&) = delete;
+  ~SystemCalls();
+
+  /// Lets the `number`th call of the function fail; 0: every one.
+  void fail(const std::string& function, int error, int number = 1);
+
+  /// Asked before each call; gives the error that the call is to fail with, or 0.
+  std::function<int(const std::string& function)> before;
+
+  size_t longestTransfer = SIZE_MAX;  ///< of `read` and `write`, in bytes
+  bool typesAreUnknown = false;       ///< of the entries that `readdir` gives
+  std::optional<time_t> now;
+  std::optional<struct statvfs> fileSystem;
+};
