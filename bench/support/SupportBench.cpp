@@ -1,8 +1,7 @@
 #include <benchmark/benchmark.h>
+#include <dirent.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -20,66 +19,12 @@ using kst::support::collectMatchingNames;
 using kst::support::copyFile;
 using kst::support::latestNumberedPath;
 using kst::support::listDirectory;
-using kst::support::pruneDirectory;
-using kst::support::removeTree;
 
 void makeFiles(const std::string& pathWithoutNumber, long count) {
   for (long number = 1; number <= count; ++number) {
     std::ofstream file(pathWithoutNumber + std::to_string(number));
   }
 }
-
-// Removal of 100,000 files in 1,000 folders, against `rm -rf` of the same tree.
-
-bool removeByProgram(const std::string& path) {
-  std::string program = "rm";
-  std::string options = "-rf";
-  std::string operand = path;
-  char* arguments[] = {program.data(), options.data(), operand.data(), nullptr};
-  pid_t child = 0;
-  int status = 0;
-  return posix_spawnp(&child, "rm", nullptr, nullptr, arguments, environ) == 0 &&
-         waitpid(child, &status, 0) == child && status == 0;
-}
-
-bool removeByPruning(const std::string& path) { return pruneDirectory(path, 0); }
-
-constexpr int kRemovals = 3;
-
-/// One tree for every removal, all made before the first one: after that many files were deleted
-/// some file systems take minutes to make new ones.
-std::vector<std::string> makeTrees(const TemporaryDirectory& parent, int count) {
-  std::vector<std::string> trees;
-  for (int number = 0; number < count; ++number) {
-    trees.push_back(parent / std::to_string(number));
-    mkdir(trees.back().c_str(), 0755);
-    for (int folder = 0; folder < 1000; ++folder) {
-      const std::string path = trees.back() + "/folder-" + std::to_string(folder);
-      mkdir(path.c_str(), 0755);
-      makeFiles(path + "/log-", 100);
-    }
-  }
-  return trees;
-}
-
-void benchmarkRemoval(benchmark::State& state, bool (*remove)(const std::string&)) {
-  static const TemporaryDirectory parent;
-  static std::vector<std::string> trees = makeTrees(parent, 3 * kRemovals);
-  for ([[maybe_unused]] auto iteration : state) {
-    if (trees.empty() || !remove(trees.back())) {
-      state.SkipWithError("no tree left, or one that could not be removed");
-      return;
-    }
-    trees.pop_back();
-  }
-}
-
-void removals(benchmark::internal::Benchmark* benchmark) {
-  benchmark->Iterations(kRemovals)->UseRealTime()->Unit(benchmark::kMillisecond);
-}
-BENCHMARK_CAPTURE(benchmarkRemoval, rm, removeByProgram)->Apply(removals);
-BENCHMARK_CAPTURE(benchmarkRemoval, removeTree, removeTree)->Apply(removals);
-BENCHMARK_CAPTURE(benchmarkRemoval, pruneDirectory, removeByPruning)->Apply(removals);
 
 // Copying, against the system calls that a copy with a buffer of 1024 bytes cannot do without.
 
@@ -116,7 +61,7 @@ void benchmarkCopy(benchmark::State& state, bool (*copy)(const std::string&, con
 BENCHMARK_CAPTURE(benchmarkCopy, bareLoop, copyBare)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(benchmarkCopy, copyFile, copyBySupport)->Unit(benchmark::kMillisecond);
 
-// Listing of up to 100,000 entries: linear.
+// Listing of up to 100,000 entries, linear, against a loop that only reads the directory.
 
 /// A directory of `count` entries. Made once: some file systems are slow to reuse what was deleted
 /// just before.
@@ -127,6 +72,16 @@ std::string directoryOf(long count) {
     makeFiles(path + "/bb-", count);
   }
   return path;
+}
+
+size_t listBare(const std::string& directory) {
+  DIR* stream = opendir(directory.c_str());
+  size_t count = 0;
+  while (readdir(stream) != nullptr) {
+    ++count;
+  }
+  closedir(stream);
+  return count;
 }
 
 size_t list(const std::string& directory) {
@@ -159,6 +114,7 @@ void listingSizes(benchmark::internal::Benchmark* benchmark) {
       ->Unit(benchmark::kMillisecond)
       ->Complexity(benchmark::oN);
 }
+BENCHMARK_CAPTURE(benchmarkListing, bareLoop, listBare)->Apply(listingSizes);
 BENCHMARK_CAPTURE(benchmarkListing, listDirectory, list)->Apply(listingSizes);
 BENCHMARK_CAPTURE(benchmarkListing, collectMatchingNames, collect)->Apply(listingSizes);
 BENCHMARK_CAPTURE(benchmarkListing, latestNumberedPath, findLatest)->Apply(listingSizes);
