@@ -29,7 +29,8 @@ class DirectoryStream {
 
   [[nodiscard]] bool isOpen() const { return stream != nullptr; }
 
-  /// The next entry, valid until the next call; null behind the last one. REQUIRES: `isOpen`.
+  /// The next entry, valid until the next call; null behind the last one and if
+  /// reading fails. REQUIRES: `isOpen`.
   const dirent* next() {
     return readdir(stream.get());  // NOLINT(concurrency-mt-unsafe): its own stream
   }

@@ -253,11 +253,6 @@ bool removeTree(const std::string& path) {
   return true;
 }
 
-bool removeEntry(const std::string& path) {
-  const bool isTree = openDirectory(AT_FDCWD, path).isOpen();
-  return isTree ? removeTree(path) : removeFile(path);
-}
-
 int lockFileShared(const std::string& path) {
   Descriptor file(openPath(path, O_RDONLY | O_CLOEXEC, 0));
   return file && setLock(file.get(), F_RDLCK) ? file.release() : -1;

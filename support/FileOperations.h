@@ -11,8 +11,9 @@
 
 /// File and directory operations over the POSIX calls. They keep no state, may be called from any
 /// thread, take paths as they come, and neither throw nor print for anything that a file system
-/// does: the result tells the outcome, and `errno` the reason, as the call that failed set it or as
-/// said below. Files are as large as the file system lets them, on 32-bit systems too.
+/// does: the result tells the outcome, and `errno` the reason of a failure, as the call that failed
+/// set it or as said below; the tests of what a path is tell yes or no alone. Files are as large as
+/// the file system lets them, on 32-bit systems too.
 namespace kst::support {
 
 /// Writes all `length` bytes. False as soon as `write` fails, EINTR included; what was written
@@ -48,7 +49,8 @@ bool readWholeFile(const std::string& path, std::vector<char>& content);
 
 /// The size in bytes of the file that `stream` has open: the position of its end. The read position
 /// and the state of the stream stay. False, and `size` untouched, if no file is open (EBADF), its
-/// end has no position (ESPIPE for a pipe) or does not fit (EFBIG).
+/// end has no position (ESPIPE for a pipe) or does not fit (EFBIG). REQUIRES: no directory, whose
+/// end has a position that is no size.
 bool streamSize(std::ifstream& stream, size_t& size);
 
 /// The size in bytes of the file. False, and `size` untouched, if it cannot be opened for reading,
@@ -81,15 +83,12 @@ bool removeFile(const std::string& path);
 
 /// Removes the path and everything below it, of any depth; of a symbolic link, at any level, only
 /// the link. Stops with false at the first entry below `path` that cannot be removed; what was
-/// removed before stays removed. True if nothing exists at `path`, a dangling link included, which
-/// stays. Whether a directory could be removed once it was emptied is not part of the result.
+/// removed before stays removed. True, and nothing done, if `stat` fails: a dangling link stays.
+/// Whether a directory could be removed once it was emptied is not part of the result, nor whether
+/// `path` itself could, which stays if it is a directory that is not empty and cannot be read.
 /// Whoever swaps, links or moves directories of the tree meanwhile cannot lead the removal out of
 /// it; one moved away while it was being emptied may give false (ENOENT). Takes two descriptors.
 bool removeTree(const std::string& path);
-
-/// Removes what a directory's entry names: a directory as `removeTree` does, a link or anything
-/// else as `removeFile`.
-bool removeEntry(const std::string& path);
 
 /// Opens the lock file, which must exist, and takes a shared record lock (`fcntl`) on all of it.
 /// Waits without limit for another process's exclusive lock. The caller owns the descriptor and

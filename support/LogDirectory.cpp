@@ -86,8 +86,8 @@ uint32_t numberOf(const std::string& name) {
 
 /// The names of the siblings of `base`, which is a regular expression; empty if it is none.
 std::vector<std::string> numberedNames(const std::string& directory, const std::string& base) {
-  constexpr size_t kLongestBase =
-      1024;  // the regex compiler's recursion goes as deep as it is long
+  // The regex compiler's recursion goes as deep as the expression is long.
+  constexpr size_t kLongestBase = 1024;
   if (base.size() > kLongestBase) {
     return {};
   }

@@ -43,7 +43,8 @@ bool collectMatchingNames(const std::string& directory, const std::regex& patter
 /// longer than 1024 bytes, if there is no such sibling or if the path names no parent directory.
 /// `std::regex` takes up to 100 KiB of stack for a component of plain characters and up to 300 KiB
 /// with groups and classes, twice that in a build that is not optimized. REQUIRES: an expression
-/// that it can match in bounded time and stack, not the likes of "(.|a)*" or "(){0,20000}".
+/// that it can match in bounded time and stack: neither "(a|a)*", which doubles the time with each
+/// character, nor a "*" or "{0,20000}" behind groups within groups, which takes megabytes of stack.
 std::string latestNumberedPath(const std::string& path);
 
 }  // namespace kst::support

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -18,11 +20,22 @@ struct Entry {
   bool isDirectory;  // as far as the file system has told in the listing
 };
 
+/// Which directory it is. The number of one that is gone may be given to a new one, hence the time
+/// of birth, zero where the file system does not tell it.
+struct Identity {
+  uint32_t deviceMajor;
+  uint32_t deviceMinor;
+  uint64_t inode;
+  int64_t bornSeconds;
+  uint32_t bornNanoseconds;
+
+  bool operator==(const Identity&) const = default;
+};
+
 /// A directory between the given one and the one that is being emptied, both included.
 struct Level {
-  std::vector<Entry> entries;  // that are still to be removed, the next one last
-  dev_t device = 0;            // which directory it is, known once its descriptor is closed
-  ino_t inode = 0;
+  std::vector<Entry> entries;        // that are still to be removed, the next one last
+  std::optional<Identity> identity;  // known once its descriptor is closed
 };
 
 /// False if not even "." can be read.
@@ -36,6 +49,17 @@ bool list(DirectoryStream& directory, Level& level) {
   }
   std::reverse(level.entries.begin(), level.entries.end());
   return isReadable;
+}
+
+/// None, and `errno` the reason, on failure.
+std::optional<Identity> identify(const DirectoryStream& directory) {
+  struct statx status {};
+  constexpr unsigned kWanted = STATX_INO | STATX_BTIME;
+  if (statx(directory.descriptor(), "", AT_EMPTY_PATH, kWanted, &status) != 0) {
+    return std::nullopt;
+  }
+  return Identity{status.stx_dev_major, status.stx_dev_minor, status.stx_ino,
+                  status.stx_btime.tv_sec, status.stx_btime.tv_nsec};
 }
 
 class Removal {
@@ -99,13 +123,11 @@ class Removal {
   /// Makes room for another descriptor.
   bool closeParent() {
     if (parent.isOpen()) {
-      struct stat status {};
-      if (fstat(parent.descriptor(), &status) != 0) {
+      std::optional<Identity>& above = levels[levels.size() - 2].identity;
+      above = identify(parent);
+      if (!above) {
         return false;
       }
-      Level& above = levels[levels.size() - 2];
-      above.device = status.st_dev;
-      above.inode = status.st_ino;
       parent.close();
     }
     return true;
@@ -114,12 +136,14 @@ class Removal {
   /// The way back up, if the directory above is still the one that it came from.
   bool openParent() {
     DirectoryStream found = openDirectory(here.descriptor(), "..");
-    struct stat status {};
-    if (!found.isOpen() || fstat(found.descriptor(), &status) != 0) {
+    if (!found.isOpen()) {
       return false;
     }
-    const Level& above = levels[levels.size() - 2];
-    if (status.st_dev != above.device || status.st_ino != above.inode) {
+    const std::optional<Identity> identity = identify(found);
+    if (!identity) {
+      return false;
+    }
+    if (identity != levels[levels.size() - 2].identity) {
       errno = ENOENT;
       return false;
     }

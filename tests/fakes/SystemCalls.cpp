@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -16,7 +18,12 @@ thread_local SystemCalls* active = nullptr;
 
 template <typename Function>
 Function next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+  void* const found = dlsym(RTLD_NEXT, name);
+  if (found == nullptr) {
+    fprintf(stderr, "SystemCalls: no %s here\n", name);
+    abort();
+  }
+  return reinterpret_cast<Function>(found);
 }
 
 /// The system's own functions. They are looked up beforehand, since the thread sanitizer calls some
@@ -30,6 +37,7 @@ const struct {
   decltype(&::mkdir) mkdir = next<decltype(mkdir)>("mkdir");
   decltype(&::fstat) fstat = next<decltype(fstat)>("fstat64");
   decltype(&::fstatat) fstatat = next<decltype(fstatat)>("fstatat64");
+  decltype(&::statx) statx = next<decltype(statx)>("statx");
   decltype(&::fchmod) fchmod = next<decltype(fchmod)>("fchmod");
   decltype(&::fcntl) fcntl = next<decltype(fcntl)>("fcntl64");
   decltype(&::readdir) readdir = next<decltype(readdir)>("readdir64");
@@ -81,7 +89,11 @@ int close(int file) {
 }
 
 int openat(int directory, const char* path, int flags, ...) {
-  return fails("openat") ? -1 : real.openat(directory, path, flags);
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return fails("openat") ? -1 : real.openat(directory, path, flags, mode);
 }
 
 int unlinkat(int directory, const char* path, int flags) noexcept {
@@ -98,6 +110,11 @@ int fstat(int file, struct stat* status) noexcept {
 
 int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept {
   return fails("fstatat") ? -1 : real.fstatat(directory, path, status, flags);
+}
+
+int statx(int directory, const char* path, int flags, unsigned mask,
+          struct statx* status) noexcept {
+  return fails("statx") ? -1 : real.statx(directory, path, flags, mask, status);
 }
 
 int fchmod(int file, mode_t mode) noexcept {

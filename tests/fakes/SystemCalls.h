@@ -2,7 +2,7 @@
 
 #include <sys/statvfs.h>
 
-#include <climits>
+#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <optional>
