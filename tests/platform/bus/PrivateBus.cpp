@@ -1,13 +1,14 @@
 #include "tests/platform/bus/PrivateBus.h"
 
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
-
-#include <array>
 
 PrivateBus::PrivateBus() {
   std::string pattern = std::filesystem::temp_directory_path() / "kst-bus-XXXXXX";
@@ -35,6 +36,9 @@ void PrivateBus::start() {
   }
   daemon = fork();
   if (daemon == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // A group of its own: one that is orphaned while a member is stopped gets SIGHUP, all of it.
+    setpgid(0, 0);
     const std::string config = "--config-file=" + (folder / "bus.conf").string();
     const std::string printAddress = "--print-address=" + std::to_string(ready[1]);
     execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nosyslog", config.c_str(),
