@@ -87,7 +87,8 @@ bool removeFile(const std::string& path);
 /// Whether a directory could be removed once it was emptied is not part of the result, nor whether
 /// `path` itself could, which stays if it is a directory that is not empty and cannot be read.
 /// Whoever swaps, links or moves directories of the tree meanwhile cannot lead the removal out of
-/// it; one moved away while it was being emptied may give false (ENOENT). Takes two descriptors.
+/// it, as far as inode numbers tell directories apart; one moved away while it was being emptied
+/// may give false (ENOENT). Takes two descriptors.
 bool removeTree(const std::string& path);
 
 /// Opens the lock file, which must exist, and takes a shared record lock (`fcntl`) on all of it.

@@ -6,8 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -20,22 +18,13 @@ struct Entry {
   bool isDirectory;  // as far as the file system has told in the listing
 };
 
-/// Which directory it is. The number of one that is gone may be given to a new one, hence the time
-/// of birth, zero where the file system does not tell it.
-struct Identity {
-  uint32_t deviceMajor;
-  uint32_t deviceMinor;
-  uint64_t inode;
-  int64_t bornSeconds;
-  uint32_t bornNanoseconds;
-
-  bool operator==(const Identity&) const = default;
-};
-
 /// A directory between the given one and the one that is being emptied, both included.
 struct Level {
-  std::vector<Entry> entries;        // that are still to be removed, the next one last
-  std::optional<Identity> identity;  // known once its descriptor is closed
+  std::vector<Entry> entries;  // that are still to be removed, the next one last
+  // Which directory it is, known once its descriptor is closed. The time of birth would tell more,
+  // but a copy-up of overlayfs changes it.
+  dev_t device = 0;
+  ino_t inode = 0;
 };
 
 /// False if not even "." can be read.
@@ -49,17 +38,6 @@ bool list(DirectoryStream& directory, Level& level) {
   }
   std::reverse(level.entries.begin(), level.entries.end());
   return isReadable;
-}
-
-/// None, and `errno` the reason, on failure.
-std::optional<Identity> identify(const DirectoryStream& directory) {
-  struct statx status {};
-  constexpr unsigned kWanted = STATX_INO | STATX_BTIME;
-  if (statx(directory.descriptor(), "", AT_EMPTY_PATH, kWanted, &status) != 0) {
-    return std::nullopt;
-  }
-  return Identity{status.stx_dev_major, status.stx_dev_minor, status.stx_ino,
-                  status.stx_btime.tv_sec, status.stx_btime.tv_nsec};
 }
 
 class Removal {
@@ -123,11 +101,13 @@ class Removal {
   /// Makes room for another descriptor.
   bool closeParent() {
     if (parent.isOpen()) {
-      std::optional<Identity>& above = levels[levels.size() - 2].identity;
-      above = identify(parent);
-      if (!above) {
+      struct stat status {};
+      if (fstat(parent.descriptor(), &status) != 0) {
         return false;
       }
+      Level& above = levels[levels.size() - 2];
+      above.device = status.st_dev;
+      above.inode = status.st_ino;
       parent.close();
     }
     return true;
@@ -136,14 +116,12 @@ class Removal {
   /// The way back up, if the directory above is still the one that it came from.
   bool openParent() {
     DirectoryStream found = openDirectory(here.descriptor(), "..");
-    if (!found.isOpen()) {
+    struct stat status {};
+    if (!found.isOpen() || fstat(found.descriptor(), &status) != 0) {
       return false;
     }
-    const std::optional<Identity> identity = identify(found);
-    if (!identity) {
-      return false;
-    }
-    if (identity != levels[levels.size() - 2].identity) {
+    const Level& above = levels[levels.size() - 2];
+    if (status.st_dev != above.device || status.st_ino != above.inode) {
       errno = ENOENT;
       return false;
     }

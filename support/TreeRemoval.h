@@ -19,9 +19,9 @@ using EntryChoice = std::function<bool(int directory, const std::string& name)>;
 ///
 /// Every name is looked up in a directory that is held open, so neither the depth of the tree
 /// matters nor somebody who swaps its directories for links meanwhile; a directory that is moved
-/// elsewhere while it is being emptied may give false (ENOENT). Takes two descriptors, the given
-/// one included, and memory for the names in the directories between the given one and the one that
-/// is being emptied.
+/// elsewhere while it is being emptied may give false (ENOENT). On the way back up a directory is
+/// known by device and inode number alone. Takes two descriptors, the given one included, and
+/// memory for the names in the directories between the given one and the one that is being emptied.
 bool removeEntries(DirectoryStream directory, const EntryChoice& isChosen);
 
 /// Opens the directory, but not through a link in its last component; `directory` and `path` are

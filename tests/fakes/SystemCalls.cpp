@@ -37,7 +37,6 @@ const struct {
   decltype(&::mkdir) mkdir = next<decltype(mkdir)>("mkdir");
   decltype(&::fstat) fstat = next<decltype(fstat)>("fstat64");
   decltype(&::fstatat) fstatat = next<decltype(fstatat)>("fstatat64");
-  decltype(&::statx) statx = next<decltype(statx)>("statx");
   decltype(&::fchmod) fchmod = next<decltype(fchmod)>("fchmod");
   decltype(&::fcntl) fcntl = next<decltype(fcntl)>("fcntl64");
   decltype(&::readdir) readdir = next<decltype(readdir)>("readdir64");
@@ -110,11 +109,6 @@ int fstat(int file, struct stat* status) noexcept {
 
 int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept {
   return fails("fstatat") ? -1 : real.fstatat(directory, path, status, flags);
-}
-
-int statx(int directory, const char* path, int flags, unsigned mask,
-          struct statx* status) noexcept {
-  return fails("statx") ? -1 : real.statx(directory, path, flags, mask, status);
 }
 
 int fchmod(int file, mode_t mode) noexcept {

@@ -60,8 +60,8 @@ TEST_F(TreeRemovalTest, RemovesATreeDeeperThanAnyPathWithTwoDescriptors) {
 
 TEST_F(TreeRemovalTest, StopsAtTheFirstEntryThatStays) {
   const std::tuple<std::string, int, std::string, int> faults[] = {
-      {"unlinkat", EBUSY, "", EBUSY},    {"readdir", EIO, "", EISDIR}, {"statx", EIO, "", EIO},
-      {"openat", EMFILE, "", EISDIR},    {"statx", EIO, "/d/f", EIO},  // on the way back up
+      {"unlinkat", EBUSY, "", EBUSY},    {"readdir", EIO, "", EISDIR}, {"fstat", EIO, "", EIO},
+      {"openat", EMFILE, "", EISDIR},    {"fstat", EIO, "/d/f", EIO},  // on the way back up
       {"openat", EMFILE, "/d/f", EMFILE}};
   for (const auto& [function, error, below, told] : faults) {
     for (const char* name : {"tree/a/d/f", "tree/b/d/f", "tree/c/d/f"}) {
