@@ -25,7 +25,7 @@ CollectingService::~CollectingService() {
   worker.join();
 }
 
-int CollectingService::run(const std::function<Failure()>& prepare,
+int CollectingService::run(const std::function<collection::Failure()>& prepare,
                            dbus::Service::Handler perform) {
   try {
     serve(prepare, std::move(perform));
@@ -35,7 +35,7 @@ int CollectingService::run(const std::function<Failure()>& prepare,
   return exitStatus;
 }
 
-void CollectingService::serve(const std::function<Failure()>& prepare,
+void CollectingService::serve(const std::function<collection::Failure()>& prepare,
                               dbus::Service::Handler perform) {
   const auto accept = [this,
                        perform = std::move(perform)](std::shared_ptr<dbus::PerformCall> call) {

@@ -8,11 +8,11 @@
 #include <thread>
 #include <utility>
 
+#include "collection/Failure.h"
 #include "platform/dbus/EventLoop.h"
 #include "platform/dbus/Peer.h"
 #include "platform/dbus/Service.h"
 #include "platform/tasks/WorkList.h"
-#include "services/Failure.h"
 
 namespace services {
 
@@ -34,7 +34,7 @@ class CollectingService {
   /// Takes the peer's name on the bus, calls `prepare`, and serves calls with `perform`. Returns
   /// the exit status of the process: 0 after a signal; 1, after one line on standard error, when
   /// there is no bus, the name is taken, `prepare` fails or the bus is lost.
-  int run(const std::function<Failure()>& prepare, dbus::Service::Handler perform);
+  int run(const std::function<collection::Failure()>& prepare, dbus::Service::Handler perform);
 
   /// Has `item` run behind everything submitted earlier, off the main thread. REQUIRES: the main
   /// thread, while `run` runs; so for `after`.
@@ -49,7 +49,7 @@ class CollectingService {
   }
 
  private:
-  void serve(const std::function<Failure()>& prepare, dbus::Service::Handler perform);
+  void serve(const std::function<collection::Failure()>& prepare, dbus::Service::Handler perform);
   void stop();
   void fail(const std::string& text);
   void setServerState(const char* state);

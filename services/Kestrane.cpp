@@ -5,10 +5,10 @@
 #include <string>
 #include <utility>
 
+#include "collection/DumpIndication.h"
 #include "platform/client/Constants.h"
 #include "platform/client/TraceProperty.h"
 #include "services/CollectingService.h"
-#include "services/DumpIndication.h"
 #include "services/ServiceOptions.h"
 #include "support/FileOperations.h"
 
@@ -28,7 +28,7 @@ class Manager {
   }
 
  private:
-  [[nodiscard]] services::Failure clearRemains() const {
+  [[nodiscard]] collection::Failure clearRemains() const {
     kst::support::removeFile(paths.dumpIndication);
     return collector.clearStaging();
   }
@@ -44,13 +44,13 @@ class Manager {
   }
 
   void submitDump(std::shared_ptr<dbus::PerformCall> call) {
-    const auto request = services::readCollectionRequest(call->command.request);
+    const auto request = collection::readCollectionRequest(call->command.request);
     if (!request) {
       call->answer({kst::kResultInvalidRequest, "missing or unknown action"});
       return;
     }
     service.submit([this, call = std::move(call), request = *request] {
-      const services::CollectionOutcome outcome = dump(request);
+      const collection::CollectionOutcome outcome = dump(request);
       MessageDict reply;
       if (!outcome.timestamp.empty()) {
         reply.set(kst::kKeyTimestampString, outcome.timestamp);
@@ -59,16 +59,17 @@ class Manager {
     });
   }
 
-  [[nodiscard]] services::CollectionOutcome dump(const services::CollectionRequest& request) const {
-    const services::DumpIndication indication(paths.dumpIndication);
+  [[nodiscard]] collection::CollectionOutcome dump(
+      const collection::CollectionRequest& request) const {
+    const collection::DumpIndication indication(paths.dumpIndication);
     if (auto failure = indication.raise()) {
-      return services::failedCollection(*failure);
+      return collection::failedCollection(*failure);
     }
     return collector.collect(request);
   }
 
-  const services::DevicePaths paths;
-  const services::Collector collector;
+  const collection::DevicePaths paths;
+  const collection::Collector collector;
   services::CollectingService service;
 };
 

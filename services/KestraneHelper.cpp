@@ -22,7 +22,7 @@ constexpr std::chrono::minutes kUnclaimedLifetime{1};
 
 using Call = std::shared_ptr<dbus::PerformCall>;
 
-void answerWith(const services::CollectionOutcome& outcome, const Call& call) {
+void answerWith(const collection::CollectionOutcome& outcome, const Call& call) {
   MessageDict reply;
   if (!outcome.timestamp.empty()) {
     reply.set(kst::helper::kKeyTimestampString, outcome.timestamp);
@@ -62,15 +62,15 @@ class Helper {
   void startCollection() {
     collecting = true;
     service.submit([this] {
-      services::CollectionRequest request;
-      request.kind = services::LogKind::kBaseband;
+      collection::CollectionRequest request;
+      request.kind = collection::LogKind::kBaseband;
       request.compress = false;
       request.reason = "System diagnostic collection";
       service.post([this, outcome = collector.collect(request)] { finish(outcome); });
     });
   }
 
-  void finish(const services::CollectionOutcome& outcome) {
+  void finish(const collection::CollectionOutcome& outcome) {
     collecting = false;
     if (waiting.empty()) {
       keepForNextCall(outcome);
@@ -81,7 +81,7 @@ class Helper {
   }
 
   /// Who asks again soon gets what was not ready in time; who asks later wants logs of then.
-  void keepForNextCall(const services::CollectionOutcome& outcome) {
+  void keepForNextCall(const collection::CollectionOutcome& outcome) {
     unclaimed = outcome;
     service.after(kUnclaimedLifetime, [this, timestamp = outcome.timestamp] {
       if (unclaimed && unclaimed->timestamp == timestamp) {
@@ -107,11 +107,11 @@ class Helper {
     call->answer({kst::kResultStillCollecting, "the collection goes on"});
   }
 
-  const services::DevicePaths paths;
-  const services::Collector collector;
+  const collection::DevicePaths paths;
+  const collection::Collector collector;
   bool collecting = false;
   std::vector<Call> waiting;
-  std::optional<services::CollectionOutcome> unclaimed;  // finished when nobody waited any more
+  std::optional<collection::CollectionOutcome> unclaimed;  // finished when nobody waited any more
   services::CollectingService service;
 };
 

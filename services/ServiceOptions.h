@@ -3,13 +3,13 @@
 #include <optional>
 #include <string>
 
-#include "services/Collector.h"
+#include "collection/Collector.h"
 
 namespace services {
 
 struct ServiceOptions {
   std::string root = "/";  ///< of the device's file tree
-  SnapshotLimits limits;
+  collection::SnapshotLimits limits;
 };
 
 /// The options `--root DIR`, `--keep N` and `--max-age SECONDS` of a service's command line;

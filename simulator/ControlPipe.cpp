@@ -9,29 +9,29 @@
 #include <cerrno>
 #include <climits>
 
+#include "collection/Folder.h"
 #include "platform/text/SplitString.h"
-#include "services/Folder.h"
 #include "support/FileOperations.h"
 
 namespace simulator {
 
-services::Failure ControlPipe::open(const std::string& path) {
+collection::Failure ControlPipe::open(const std::string& path) {
   const std::string folder = kst::support::parentDirectory(path);
-  if (auto failure = services::makeFolder(folder)) {
+  if (auto failure = collection::makeFolder(folder)) {
     return failure;
   }
   if (mkfifo(path.c_str(), 0600) != 0 && errno != EEXIST) {
-    return services::callFailed("mkfifo", path);
+    return collection::callFailed("mkfifo", path);
   }
   reader =
       kst::support::Descriptor(kst::support::openPath(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
   if (!reader) {
-    return services::callFailed("open", path);
+    return collection::callFailed("open", path);
   }
   writer =
       kst::support::Descriptor(kst::support::openPath(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC, 0));
   if (!writer) {
-    return services::callFailed("open", path);
+    return collection::callFailed("open", path);
   }
   return {};
 }

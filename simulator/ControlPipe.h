@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "services/Failure.h"
+#include "collection/Failure.h"
 #include "support/Descriptor.h"
 
 namespace simulator {
@@ -13,7 +13,7 @@ namespace simulator {
 class ControlPipe {
  public:
   /// Creates the FIFO, unless there is one, and opens it.
-  services::Failure open(const std::string& path);
+  collection::Failure open(const std::string& path);
 
   /// The requests that arrive within `time`; returns as soon as there is one.
   [[nodiscard]] std::vector<std::string> wait(std::chrono::milliseconds time) const;

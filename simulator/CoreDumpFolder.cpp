@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "collection/Folder.h"
 #include "logdump/TimestampSet.h"
-#include "services/Folder.h"
 #include "support/Descriptor.h"
 #include "support/FileOperations.h"
 #include "support/LogDirectory.h"
@@ -35,15 +35,15 @@ std::string memoryImage() {
 CoreDumpFolder::CoreDumpFolder(std::string path)
     : folder(std::move(path)), unfinished(folder + "/.unfinished") {}
 
-services::Failure CoreDumpFolder::open() const {
-  if (auto failure = services::makeFolder(folder)) {
+collection::Failure CoreDumpFolder::open() const {
+  if (auto failure = collection::makeFolder(folder)) {
     return failure;
   }
   kst::support::removeFile(unfinished);
   return {};
 }
 
-services::Failure CoreDumpFolder::write(const std::string& title) const {
+collection::Failure CoreDumpFolder::write(const std::string& title) const {
   const std::string time = TimestampSet().toString(0, kTimestampDate | kTimestampMilliseconds);
   const std::string finished = kst::support::uniquePath(folder + "/core-" + time + ".bin");
   const std::string dump = "VEXILD CORE DUMP " + time + "\n" + title + "\n" + memoryImage();
@@ -51,13 +51,13 @@ services::Failure CoreDumpFolder::write(const std::string& title) const {
   const kst::support::Descriptor file(
       kst::support::openPath(unfinished, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!file) {
-    return services::callFailed("open", unfinished);
+    return collection::callFailed("open", unfinished);
   }
   if (!kst::support::writeFully(file.get(), dump.data(), dump.size())) {
-    return services::callFailed("write", unfinished);
+    return collection::callFailed("write", unfinished);
   }
   if (!kst::support::renamePath(unfinished, finished)) {
-    return services::callFailed("rename", finished);
+    return collection::callFailed("rename", finished);
   }
   removeOldDumps();
   return {};

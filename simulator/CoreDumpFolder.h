@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "services/Failure.h"
+#include "collection/Failure.h"
 
 namespace simulator {
 
@@ -13,10 +13,10 @@ class CoreDumpFolder {
   explicit CoreDumpFolder(std::string path);
 
   /// Creates the folder and removes what a killed daemon has left unfinished.
-  [[nodiscard]] services::Failure open() const;
+  [[nodiscard]] collection::Failure open() const;
 
   /// Writes a dump that begins with `title`, and removes older ones but the latest few.
-  [[nodiscard]] services::Failure write(const std::string& title) const;
+  [[nodiscard]] collection::Failure write(const std::string& title) const;
 
  private:
   void removeOldDumps() const;

@@ -5,7 +5,7 @@
 #include <iostream>
 #include <thread>
 
-#include "services/DevicePaths.h"
+#include "collection/DevicePaths.h"
 #include "simulator/DaemonOptions.h"
 #include "simulator/LogLines.h"
 #include "simulator/RotatingLog.h"
@@ -33,7 +33,7 @@ int main(int argc, char** argv) {
   if (!root) {
     return 2;
   }
-  simulator::RotatingLog log(services::DevicePaths(*root).telephonyLogs, "telephony.log",
+  simulator::RotatingLog log(collection::DevicePaths(*root).telephonyLogs, "telephony.log",
                              {.fileSize = 65'536, .olderFiles = 3});
   if (const auto failure = log.open()) {
     std::cerr << "Corvend: " << *failure << std::endl;

@@ -5,8 +5,8 @@
 
 #include <utility>
 
-#include "services/DevicePaths.h"
-#include "services/Folder.h"
+#include "collection/DevicePaths.h"
+#include "collection/Folder.h"
 #include "support/FileOperations.h"
 
 namespace simulator {
@@ -41,15 +41,15 @@ std::size_t sizeOf(const std::string& path) {
 RotatingLog::RotatingLog(std::string logFolder, const std::string& name, Limits logLimits)
     : folder(std::move(logFolder)), file(folder + "/" + name), limits(logLimits) {}
 
-services::Failure RotatingLog::open() {
-  if (auto failure = services::makeFolder(folder)) {
+collection::Failure RotatingLog::open() {
+  if (auto failure = collection::makeFolder(folder)) {
     return failure;
   }
-  const std::string path = services::lockFileOf(folder);
+  const std::string path = collection::lockFileOf(folder);
   lockFile =
       kst::support::Descriptor(kst::support::openPath(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (!lockFile) {
-    return services::callFailed("open", path);
+    return collection::callFailed("open", path);
   }
   return {};
 }

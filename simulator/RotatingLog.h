@@ -3,13 +3,13 @@
 #include <cstddef>
 #include <string>
 
-#include "services/Failure.h"
+#include "collection/Failure.h"
 #include "support/Descriptor.h"
 
 namespace simulator {
 
 /// The logs that one daemon writes into one folder: FOLDER/NAME, and older ones as NAME.1, NAME.2
-/// and so on. Whoever reads them locks the folder's lock file (services::lockFileOf) against
+/// and so on. Whoever reads them locks the folder's lock file (collection::lockFileOf) against
 /// changes.
 class RotatingLog {
  public:
@@ -21,7 +21,7 @@ class RotatingLog {
   RotatingLog(std::string folder, const std::string& name, Limits limits);
 
   /// Creates folder and lock file. To be called before `append`.
-  services::Failure open();
+  collection::Failure open();
 
   /// Appends `line` and a line feed. Waits while somebody reads the logs; a line that cannot be
   /// written is lost.

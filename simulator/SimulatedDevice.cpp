@@ -69,7 +69,7 @@ SimulatedDevice::SimulatedDevice(const TemporaryFolder& temporaryFolder,
                                  const std::string& programFolder, const std::string& deviceRoot,
                                  const std::set<std::string>& absent)
     : folder(temporaryFolder), programs(programFolder), root(deviceRoot) {
-  const services::DevicePaths paths(root);
+  const collection::DevicePaths paths(root);
   const auto present = [&](const char* part) { return !absent.contains(part); };
   if (present(kCorvendPart)) {
     start("Corvend", logGrows(paths.telephonyLogs + "/telephony.log"));

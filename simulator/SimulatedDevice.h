@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "services/DevicePaths.h"
+#include "collection/DevicePaths.h"
 #include "simulator/ChildProcess.h"
 #include "simulator/TemporaryFolder.h"
 

@@ -6,7 +6,7 @@
 #include <initializer_list>
 #include <iostream>
 
-#include "services/DevicePaths.h"
+#include "collection/DevicePaths.h"
 #include "simulator/ControlPipe.h"
 #include "simulator/CoreDumpFolder.h"
 #include "simulator/DaemonOptions.h"
@@ -27,7 +27,7 @@ constexpr std::array kPatterns = {
 
 constexpr std::chrono::milliseconds kLineInterval{100};
 
-void report(const services::Failure& failure) {
+void report(const collection::Failure& failure) {
   if (failure) {
     std::cerr << "vexild: " << *failure << std::endl;
   }
@@ -40,11 +40,11 @@ int main(int argc, char** argv) {
   if (!root) {
     return 2;
   }
-  const services::DevicePaths paths(*root);
+  const collection::DevicePaths paths(*root);
   const simulator::CoreDumpFolder dumps(paths.coreDumps);
   simulator::ControlPipe control;
   simulator::RotatingLog log(paths.basebandLogs, "diag.log", {.fileSize = 65'536, .olderFiles = 7});
-  for (const services::Failure& failure :
+  for (const collection::Failure& failure :
        {dumps.open(), control.open(paths.basebandControl), log.open()}) {
     if (!failure) {
       continue;

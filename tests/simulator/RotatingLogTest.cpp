@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <string>
 
-#include "tests/services/TemporaryDevice.h"
+#include "tests/collection/TemporaryDevice.h"
 
 namespace simulator {
 namespace {

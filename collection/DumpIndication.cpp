@@ -1,14 +1,14 @@
-#include "services/DumpIndication.h"
+#include "collection/DumpIndication.h"
 
 #include <fcntl.h>
 
 #include <utility>
 
-#include "services/Folder.h"
+#include "collection/Folder.h"
 #include "support/Descriptor.h"
 #include "support/FileOperations.h"
 
-namespace services {
+namespace collection {
 
 DumpIndication::DumpIndication(std::string path) : file(std::move(path)) {}
 
@@ -27,4 +27,4 @@ Failure DumpIndication::raise() const {
   return {};
 }
 
-}  // namespace services
+}  // namespace collection

@@ -1,4 +1,4 @@
-#include "services/Snapshots.h"
+#include "collection/Snapshots.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,7 +16,7 @@
 #include "support/LogDirectory.h"
 #include "trace/Trace.h"
 
-namespace services {
+namespace collection {
 namespace {
 
 std::vector<std::string> namesWithPrefix(const std::string& folder, const std::string& prefix) {
@@ -143,4 +143,4 @@ Failure syncTree(const std::string& path) {
   return syncPath(path);
 }
 
-}  // namespace services
+}  // namespace collection

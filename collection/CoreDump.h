@@ -3,11 +3,11 @@
 #include <chrono>
 #include <string>
 
-#include "services/CollectionRequest.h"
-#include "services/DevicePaths.h"
-#include "services/Failure.h"
+#include "collection/CollectionRequest.h"
+#include "collection/DevicePaths.h"
+#include "collection/Failure.h"
 
-namespace services {
+namespace collection {
 
 /// Has vexild write a core dump and waits for it, at most for `limit`. `name` becomes the name of
 /// the finished dump in `paths.coreDumps`. A vexild that does not run, or ends before the dump is
@@ -15,4 +15,4 @@ namespace services {
 Failure takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
                      std::chrono::milliseconds limit, std::string& name);
 
-}  // namespace services
+}  // namespace collection

@@ -5,7 +5,7 @@
 
 #include "platform/message/MessageDict.h"
 
-namespace services {
+namespace collection {
 
 enum class LogKind {
   kTelephony,              ///< telephony and baseband logs
@@ -30,4 +30,4 @@ std::optional<CollectionRequest> readCollectionRequest(const MessageDict& reques
 /// The action of a request for this kind.
 const char* actionOf(LogKind kind);
 
-}  // namespace services
+}  // namespace collection

@@ -3,13 +3,13 @@
 #include <string>
 #include <vector>
 
-#include "services/Failure.h"
+#include "collection/Failure.h"
 
-namespace services {
+namespace collection {
 
 /// Makes the zip archive `path` of the files `names`, which stand below `folder` and are named so
 /// in the archive. On failure nothing stands at `path`.
 Failure writeZip(const std::string& path, const std::string& folder,
                  const std::vector<std::string>& names);
 
-}  // namespace services
+}  // namespace collection

@@ -2,12 +2,12 @@
 
 #include <string>
 
-#include "services/Failure.h"
+#include "collection/Failure.h"
 
-namespace services {
+namespace collection {
 
 /// Makes a folder (mode 0755) and those above it where they are missing, also while other services
 /// and daemons do the same.
 Failure makeFolder(const std::string& path);
 
-}  // namespace services
+}  // namespace collection

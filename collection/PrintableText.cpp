@@ -1,10 +1,10 @@
-#include "services/PrintableText.h"
+#include "collection/PrintableText.h"
 
 #include <algorithm>
 
 #include "platform/message/Utf8.h"
 
-namespace services {
+namespace collection {
 
 std::string printable(std::string text) {
   const bool keepMultibyte = isMessageText(text);
@@ -18,4 +18,4 @@ std::string printable(std::string text) {
   return text;
 }
 
-}  // namespace services
+}  // namespace collection

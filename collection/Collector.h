@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <string>
 
+#include "collection/CollectionRequest.h"
+#include "collection/DevicePaths.h"
+#include "collection/Failure.h"
 #include "platform/message/CommandResult.h"
-#include "services/CollectionRequest.h"
-#include "services/DevicePaths.h"
-#include "services/Failure.h"
 
-namespace services {
+namespace collection {
 
 /// How much the folder of snapshots may hold beside the latest one.
 struct SnapshotLimits {
@@ -48,4 +48,4 @@ class Collector {
   SnapshotLimits limits;
 };
 
-}  // namespace services
+}  // namespace collection

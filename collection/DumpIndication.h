@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "services/Failure.h"
+#include "collection/Failure.h"
 
-namespace services {
+namespace collection {
 
 /// The file that tells other processes that a dump is in progress; it goes with this object.
 class DumpIndication {
@@ -21,4 +21,4 @@ class DumpIndication {
   std::string file;
 };
 
-}  // namespace services
+}  // namespace collection

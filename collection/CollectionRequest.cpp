@@ -1,9 +1,9 @@
-#include "services/CollectionRequest.h"
+#include "collection/CollectionRequest.h"
 
+#include "collection/PrintableText.h"
 #include "platform/client/Constants.h"
-#include "services/PrintableText.h"
 
-namespace services {
+namespace collection {
 namespace {
 
 std::string line(const MessageDict& request, const char* key) {
@@ -43,4 +43,4 @@ std::optional<CollectionRequest> readCollectionRequest(const MessageDict& reques
   return {};
 }
 
-}  // namespace services
+}  // namespace collection

@@ -1,4 +1,4 @@
-#include "services/Snapshots.h"
+#include "collection/Snapshots.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,9 +7,9 @@
 #include <ctime>
 #include <filesystem>
 
-#include "tests/services/TemporaryDevice.h"
+#include "tests/collection/TemporaryDevice.h"
 
-namespace services {
+namespace collection {
 namespace {
 
 namespace fs = std::filesystem;
@@ -70,4 +70,4 @@ TEST_F(SnapshotsTest, SparesTheNewestWhateverTheClockSays) {
 }
 
 }  // namespace
-}  // namespace services
+}  // namespace collection

@@ -1,4 +1,4 @@
-#include "services/Collector.h"
+#include "collection/Collector.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -21,9 +21,9 @@
 #include <thread>
 #include <vector>
 
-#include "tests/services/TemporaryDevice.h"
+#include "tests/collection/TemporaryDevice.h"
 
-namespace services {
+namespace collection {
 namespace {
 
 namespace fs = std::filesystem;
@@ -368,4 +368,4 @@ TEST_F(CollectorTest, WaitsForTheDaemonThatWritesTheLogs) {
 }
 
 }  // namespace
-}  // namespace services
+}  // namespace collection

@@ -1,4 +1,4 @@
-#include "services/ZipArchive.h"
+#include "collection/ZipArchive.h"
 
 #include <zip.h>
 
@@ -6,7 +6,7 @@
 
 #include "support/DirectoryStream.h"
 
-namespace services {
+namespace collection {
 namespace {
 
 struct ZipDiscard {
@@ -63,4 +63,4 @@ Failure writeZip(const std::string& path, const std::string& folder,
   return {};
 }
 
-}  // namespace services
+}  // namespace collection

@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace services {
+namespace collection {
 
 /// Where everything stands on a device whose file tree begins at `root`. All paths are absolute if
 /// `root` is, and do not end in "/".
@@ -23,4 +23,4 @@ struct DevicePaths {
 /// rotates a log in there. It stands beside the folder, so nobody closes it by reading the logs.
 std::string lockFileOf(const std::string& folder);
 
-}  // namespace services
+}  // namespace collection

@@ -1,10 +1,10 @@
-#include "services/DevicePaths.h"
+#include "collection/DevicePaths.h"
 
 #include "support/FileOperations.h"
 #include "trace/DiagConfig.h"
 #include "trace/Trace.h"
 
-namespace services {
+namespace collection {
 
 using kst::support::withoutTrailingSlashes;
 
@@ -23,4 +23,4 @@ DevicePaths::DevicePaths(const std::string& root) {
 
 std::string lockFileOf(const std::string& folder) { return folder + ".lock"; }
 
-}  // namespace services
+}  // namespace collection

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "services/DevicePaths.h"
+#include "collection/DevicePaths.h"
 
 /// A device root in a temporary folder, without any service or daemon.
 class TemporaryDevice {
@@ -15,11 +15,11 @@ class TemporaryDevice {
   ~TemporaryDevice();
 
   [[nodiscard]] const std::string& root() const { return rootFolder; }
-  [[nodiscard]] const services::DevicePaths& paths() const { return devicePaths; }
+  [[nodiscard]] const collection::DevicePaths& paths() const { return devicePaths; }
 
  private:
   std::string rootFolder;
-  services::DevicePaths devicePaths;
+  collection::DevicePaths devicePaths;
 };
 
 /// Writes a file, and the folders above it.

@@ -1,13 +1,13 @@
-#include "services/Failure.h"
+#include "collection/Failure.h"
 
 #include <cerrno>
 #include <system_error>
 
-namespace services {
+namespace collection {
 
 std::string callFailed(const std::string& call, const std::string& path) {
   const int code = errno;
   return call + " " + path + ": " + std::generic_category().message(code);
 }
 
-}  // namespace services
+}  // namespace collection

@@ -1,4 +1,4 @@
-#include "tests/services/TemporaryDevice.h"
+#include "tests/collection/TemporaryDevice.h"
 
 #include <algorithm>
 #include <cstdlib>

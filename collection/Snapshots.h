@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <string>
 
-#include "services/Failure.h"
+#include "collection/Failure.h"
 
-namespace services {
+namespace collection {
 
 struct Snapshot {
   std::string timestamp;
@@ -28,4 +28,4 @@ Failure removeOldSnapshots(const std::string& folder, std::size_t limit, const s
 /// Writes `path`, a file or a folder with all that is below it, out to the disk.
 Failure syncTree(const std::string& path);
 
-}  // namespace services
+}  // namespace collection

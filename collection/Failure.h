@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-namespace services {
+namespace collection {
 
 /// What did not work, for people; nothing when all did.
 using Failure = std::optional<std::string>;
@@ -11,4 +11,4 @@ using Failure = std::optional<std::string>;
 /// "CALL PATH: REASON", the reason being that of the current `errno`.
 std::string callFailed(const std::string& call, const std::string& path);
 
-}  // namespace services
+}  // namespace collection

@@ -1,10 +1,10 @@
-#include "services/Folder.h"
+#include "collection/Folder.h"
 
 #include <cerrno>
 
 #include "support/FileOperations.h"
 
-namespace services {
+namespace collection {
 
 Failure makeFolder(const std::string& path) {
   constexpr int kAttempts = 20;  // more than a path of ours has levels
@@ -20,4 +20,4 @@ Failure makeFolder(const std::string& path) {
   return callFailed("mkdir", path);
 }
 
-}  // namespace services
+}  // namespace collection

@@ -1,4 +1,4 @@
-#include "services/CoreDump.h"
+#include "collection/CoreDump.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,7 +14,7 @@
 #include "support/Descriptor.h"
 #include "support/FileOperations.h"
 
-namespace services {
+namespace collection {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -107,4 +107,4 @@ Failure takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
          std::to_string(limit.count()) + " ms";
 }
 
-}  // namespace services
+}  // namespace collection

@@ -1,15 +1,15 @@
-#include "services/LogFiles.h"
+#include "collection/LogFiles.h"
 
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 
-#include "services/DevicePaths.h"
+#include "collection/DevicePaths.h"
 #include "support/DirectoryStream.h"
 #include "support/FileOperations.h"
 
-namespace services {
+namespace collection {
 
 Failure listLogFiles(const std::string& folder, const std::string& name,
                      std::vector<LogFile>& files) {
@@ -60,4 +60,4 @@ Failure lockFolder(const std::string& folder, kst::support::Descriptor& lock) {
   return {};
 }
 
-}  // namespace services
+}  // namespace collection

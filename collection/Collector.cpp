@@ -1,4 +1,4 @@
-#include "services/Collector.h"
+#include "collection/Collector.h"
 
 #include <fcntl.h>
 #include <sys/time.h>
@@ -7,14 +7,14 @@
 #include <chrono>
 #include <vector>
 
+#include "collection/CoreDump.h"
+#include "collection/Folder.h"
+#include "collection/LogFiles.h"
+#include "collection/PrintableText.h"
+#include "collection/Snapshots.h"
+#include "collection/ZipArchive.h"
 #include "logdump/TimestampSet.h"
 #include "platform/device/RadioInfo.h"
-#include "services/CoreDump.h"
-#include "services/Folder.h"
-#include "services/LogFiles.h"
-#include "services/PrintableText.h"
-#include "services/Snapshots.h"
-#include "services/ZipArchive.h"
 #include "support/Descriptor.h"
 #include "support/DirectoryStream.h"
 #include "support/FileOperations.h"
@@ -22,7 +22,7 @@
 #include "trace/DiagConfig.h"
 #include "trace/Trace.h"
 
-namespace services {
+namespace collection {
 namespace {
 
 constexpr std::chrono::seconds kCoreDumpLimit{10};
@@ -276,4 +276,4 @@ Failure Collector::clearStaging() const {
   return {};
 }
 
-}  // namespace services
+}  // namespace collection

@@ -1,4 +1,4 @@
-#include "services/CoreDump.h"
+#include "collection/CoreDump.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,9 +9,9 @@
 
 #include "simulator/ControlPipe.h"
 #include "simulator/CoreDumpFolder.h"
-#include "tests/services/TemporaryDevice.h"
+#include "tests/collection/TemporaryDevice.h"
 
-namespace services {
+namespace collection {
 namespace {
 
 using testing::HasSubstr;
@@ -83,4 +83,4 @@ TEST_F(CoreDumpTest, FailsWithoutAWorkingDaemon) {
 }
 
 }  // namespace
-}  // namespace services
+}  // namespace collection

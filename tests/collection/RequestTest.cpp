@@ -3,13 +3,12 @@
 #include <string>
 #include <vector>
 
+#include "collection/CollectionRequest.h"
+#include "collection/DumpIndication.h"
 #include "platform/client/Constants.h"
-#include "services/CollectionRequest.h"
-#include "services/DumpIndication.h"
-#include "services/ServiceOptions.h"
-#include "tests/services/TemporaryDevice.h"
+#include "tests/collection/TemporaryDevice.h"
 
-namespace services {
+namespace collection {
 namespace {
 
 TEST(CollectionRequestTest, ReadsEveryActionAndFillsInWhatIsMissing) {
@@ -46,35 +45,6 @@ TEST(CollectionRequestTest, RefusesAnythingElse) {
   EXPECT_FALSE(readCollectionRequest({}));
 }
 
-TEST(ServiceOptionsTest, TakesPositiveNumbersOnly) {
-  const struct {
-    std::vector<const char*> words;
-    bool valid;
-  } cases[] = {
-      {{}, true},
-      {{"--root", "/dev/x", "--keep", "3", "--max-age", "18446744073709551615"}, true},
-      {{"--root"}, false},
-      {{"--root", ""}, false},
-      {{"--keep", "0"}, false},
-      {{"--keep", "-1"}, false},
-      {{"--keep", "3x"}, false},
-      {{"--max-age", "18446744073709551616"}, false},
-      {{"--other", "x"}, false},
-      {{"word"}, false},
-  };
-  for (const auto& each : cases) {
-    std::vector<const char*> arguments{"service"};
-    arguments.insert(arguments.end(), each.words.begin(), each.words.end());
-    SCOPED_TRACE(testing::PrintToString(each.words));
-    const auto options = readServiceOptions(static_cast<int>(arguments.size()), arguments.data());
-    ASSERT_EQ(options.has_value(), each.valid);
-    if (each.words.size() == 6) {
-      EXPECT_EQ(options->root, "/dev/x");
-      EXPECT_EQ(options->limits.number, 3);
-    }
-  }
-}
-
 TEST(DumpIndicationTest, StandsWhileTheObjectLives) {
   const TemporaryDevice device;
   const std::string file = device.paths().dumpIndication;
@@ -94,4 +64,4 @@ TEST(DumpIndicationTest, StandsWhileTheObjectLives) {
 }
 
 }  // namespace
-}  // namespace services
+}  // namespace collection

@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "services/Failure.h"
+#include "collection/Failure.h"
 #include "support/Descriptor.h"
 
-namespace services {
+namespace collection {
 
 struct LogFile {
   std::string path;
@@ -26,4 +26,4 @@ Failure listLogFiles(const std::string& folder, const std::string& name,
 /// locked: no daemon writes it.
 Failure lockFolder(const std::string& folder, kst::support::Descriptor& lock);
 
-}  // namespace services
+}  // namespace collection
