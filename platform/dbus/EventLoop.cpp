@@ -60,7 +60,7 @@ EventLoop::~EventLoop() {
   close(wakeUp);
 }
 
-void EventLoop::run() { sd_event_loop(event.get()); }
+void EventLoop::run() { check(sd_event_loop(event.get()), "sd_event_loop"); }
 
 void EventLoop::stop() {
   post([this] { sd_event_exit(event.get(), 0); });

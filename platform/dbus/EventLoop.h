@@ -20,7 +20,8 @@ class EventLoop {
   EventLoop& operator=(const EventLoop&) = delete;
   ~EventLoop();
 
-  /// Serves events on the calling thread, sleeping in between, until `stop`.
+  /// Serves events on the calling thread, sleeping in between, until `stop`. Once only: a loop that
+  /// was stopped does not run again. Throws std::system_error when events cannot be waited for.
   void run();
 
   /// Makes `run` return once the work posted before has run. Callable from any thread.
