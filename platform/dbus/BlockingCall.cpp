@@ -1,6 +1,5 @@
 #include "platform/dbus/BlockingCall.h"
 
-#include <cerrno>
 #include <cstdint>
 #include <system_error>
 
@@ -21,30 +20,6 @@ class BusError {
 
   sd_bus_error error = SD_BUS_ERROR_NULL;
 };
-
-/// Waits until the bus has taken the connection in; a negative errno when it has not by then.
-int awaitReady(sd_bus* bus, std::chrono::microseconds limit) {
-  using std::chrono::steady_clock;
-  const steady_clock::time_point deadline = steady_clock::now() + limit;
-  for (;;) {
-    int r = sd_bus_is_ready(bus);
-    if (r != 0) {
-      return r;
-    }
-    r = sd_bus_process(bus, nullptr);
-    if (r == 0) {
-      const auto left =
-          std::chrono::ceil<std::chrono::microseconds>(deadline - steady_clock::now());
-      if (left.count() <= 0) {
-        return -ETIMEDOUT;
-      }
-      r = sd_bus_wait(bus, static_cast<std::uint64_t>(left.count()));
-    }
-    if (r < 0 && r != -EINTR) {
-      return r;
-    }
-  }
-}
 
 CommandResult noBus(const Peer& peer, int r) {
   return {peer.notRunning, "no bus: " + std::generic_category().message(-r)};

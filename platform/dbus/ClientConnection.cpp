@@ -25,8 +25,6 @@ constexpr std::chrono::milliseconds kConnectLimit(5000);
 /// sd-bus's value for a call without a time limit.
 constexpr std::uint64_t kNoTimeLimit = UINT64_MAX;
 
-constexpr const char* kBusService = "org.freedesktop.DBus";
-constexpr const char* kBusPath = "/org/freedesktop/DBus";
 constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
 
 }  // namespace

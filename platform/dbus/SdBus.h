@@ -3,6 +3,7 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include <chrono>
 #include <memory>
 
 // Owners for what sd-bus hands out. None of it is safe to share between threads, its reference
@@ -27,5 +28,16 @@ using BusPtr = std::unique_ptr<sd_bus, BusDeleter>;
 using EventSourcePtr = std::unique_ptr<sd_event_source, EventSourceDeleter>;
 using MessagePtr = std::unique_ptr<sd_bus_message, MessageDeleter>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, SlotDeleter>;
+
+// The bus itself, as a peer.
+inline constexpr const char* kBusService = "org.freedesktop.DBus";
+inline constexpr const char* kBusPath = "/org/freedesktop/DBus";
+
+/// Waits until the bus has taken the connection in; a negative errno when it has not by then.
+/// Callbacks of the connection may run meanwhile; so for `flush`.
+int awaitReady(sd_bus* bus, std::chrono::microseconds limit);
+
+/// Waits until the bus has taken all that was sent; a negative errno when it has not by then.
+int flush(sd_bus* bus, std::chrono::microseconds limit);
 
 }  // namespace dbus
