@@ -1,10 +1,15 @@
 #include "platform/dbus/MessageCodec.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <limits>
+#include <cstddef>
+#include <cstdint>
+#include <string>
 #include <string_view>
-#include <type_traits>
+#include <system_error>
 #include <utility>
+
+#include "platform/message/Utf8.h"
 
 namespace dbus {
 
@@ -71,32 +76,95 @@ int readBoolean(sd_bus_message* message, MessageValue& value) {
   return r;
 }
 
-int readString(sd_bus_message* message, std::string& text) {
+/// What a message may still bring: readers take from it what they find.
+class Allowance {
+ public:
+  Allowance() = default;
+  Allowance(std::size_t entryLimit, std::size_t textLimit) : entries(entryLimit), text(textLimit) {}
+
+  int takeEntry() { return take(entries, 1) ? 0 : kTooManyEntries; }
+  int takeText(std::size_t bytes) { return take(text, bytes) ? 0 : kTooMuchText; }
+
+  static constexpr int kTooManyEntries = -E2BIG;
+  static constexpr int kTooMuchText = -EMSGSIZE;
+
+ private:
+  static bool take(std::size_t& left, std::size_t count) {
+    const bool enough = count <= left;
+    left -= enough ? count : 0;
+    return enough;
+  }
+
+  std::size_t entries = SIZE_MAX;
+  std::size_t text = SIZE_MAX;  // bytes
+};
+
+int readDict(sd_bus_message* message, MessageDict& dict, Allowance& allowance);
+
+/// Reads a text, or another type that is one on the wire.
+int readString(sd_bus_message* message, std::string& text, Allowance& allowance,
+               char type = SD_BUS_TYPE_STRING) {
   const char* chars = "";
-  const int r = sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &chars);
+  int r = sd_bus_message_read_basic(message, type, &chars);
+  if (r < 0) {
+    return r;
+  }
+  const std::string_view found = chars;
+  r = allowance.takeText(found.size());
   if (r >= 0) {
-    text = chars;
+    text = found;
   }
   return r;
 }
 
-int readText(sd_bus_message* message, MessageValue& value) {
+int readText(sd_bus_message* message, MessageValue& value, Allowance& allowance) {
   std::string text;
-  const int r = readString(message, text);
+  const int r = readString(message, text, allowance);
   value = std::move(text);
   return r;
 }
 
-int readContents(sd_bus_message* message, std::string_view type, MessageValue& value) {
+/// Skips one value, part by part, since an array may have millions of them; 0 when there is none.
+int skipValue(sd_bus_message* message, Allowance& allowance) {
+  char type = 0;
+  const char* peeked = nullptr;
+  int r = sd_bus_message_peek_type(message, &type, &peeked);
+  if (r <= 0) {
+    return r;
+  }
+  r = allowance.takeText(1);
+  if (r < 0) {
+    return r;
+  }
+  if (type == SD_BUS_TYPE_STRING || type == SD_BUS_TYPE_OBJECT_PATH ||
+      type == SD_BUS_TYPE_SIGNATURE) {
+    std::string text;
+    r = readString(message, text, allowance, type);
+    return r < 0 ? r : 1;
+  }
+  if (!peeked) {
+    return sd_bus_message_skip(message, std::string(1, type).c_str());
+  }
+  const std::string contents = peeked;
+  r = sd_bus_message_enter_container(message, type, contents.c_str());
+  while (r > 0) {
+    r = skipValue(message, allowance);
+  }
+  r = r < 0 ? r : sd_bus_message_exit_container(message);
+  return r < 0 ? r : 1;
+}
+
+int readContents(sd_bus_message* message, std::string_view type, MessageValue& value,
+                 Allowance& allowance) {
   if (type == "a{sv}") {
     MessageDict dict;
-    const int r = readDict(message, dict);
+    const int r = readDict(message, dict, allowance);
     value = std::move(dict);
     return r;
   }
   switch (type.size() == 1 ? type.front() : '\0') {
     case SD_BUS_TYPE_STRING:
-      return readText(message, value);
+      return readText(message, value, allowance);
     case SD_BUS_TYPE_BOOLEAN:
       return readBoolean(message, value);
     case SD_BUS_TYPE_BYTE:
@@ -114,13 +182,11 @@ int readContents(sd_bus_message* message, std::string_view type, MessageValue& v
     case SD_BUS_TYPE_UINT64:
       return readInteger<std::uint64_t>(message, SD_BUS_TYPE_UINT64, value);
     default:
-      return sd_bus_message_skip(message, std::string(type).c_str());
+      return skipValue(message, allowance);
   }
 }
 
-}  // namespace
-
-int readVariant(sd_bus_message* message, MessageValue& value) {
+int readVariant(sd_bus_message* message, MessageValue& value, Allowance& allowance) {
   char outer = 0;
   const char* contents = nullptr;
   int r = sd_bus_message_peek_type(message, &outer, &contents);
@@ -132,11 +198,11 @@ int readVariant(sd_bus_message* message, MessageValue& value) {
   if (r < 0) {
     return r;
   }
-  r = readContents(message, type, value);
+  r = readContents(message, type, value, allowance);
   return r < 0 ? r : sd_bus_message_exit_container(message);
 }
 
-int readDict(sd_bus_message* message, MessageDict& dict) {
+int readDict(sd_bus_message* message, MessageDict& dict, Allowance& allowance) {
   int r = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
   if (r < 0) {
     return r;
@@ -144,13 +210,48 @@ int readDict(sd_bus_message* message, MessageDict& dict) {
   while ((r = sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
     std::string key;
     MessageValue value;
-    if ((r = readString(message, key)) < 0 || (r = readVariant(message, value)) < 0 ||
+    if ((r = allowance.takeEntry()) < 0 || (r = readString(message, key, allowance)) < 0 ||
+        (r = readVariant(message, value, allowance)) < 0 ||
         (r = sd_bus_message_exit_container(message)) < 0) {
       return r;
     }
     dict.set(key, std::move(value));
   }
   return r < 0 ? r : sd_bus_message_exit_container(message);
+}
+
+int readCommand(sd_bus_message* call, const Peer& peer, Command& command, Allowance& allowance) {
+  int r = readString(call, command.client, allowance);
+  if (r < 0) {
+    return r;
+  }
+  if (peer.takesTask &&
+      (r = sd_bus_message_read_basic(call, SD_BUS_TYPE_INT32, &command.task)) < 0) {
+    return r;
+  }
+  r = readString(call, command.name, allowance);
+  return r < 0 ? r : readDict(call, command.request, allowance);
+}
+
+/// `text` as a message can carry it.
+std::string carriable(std::string text) {
+  const auto isForeign = [](char byte) { return byte == '\0' || (byte & 0x80) != 0; };
+  if (!isMessageText(text)) {
+    std::replace_if(text.begin(), text.end(), isForeign, '?');
+  }
+  return text;
+}
+
+}  // namespace
+
+int readVariant(sd_bus_message* message, MessageValue& value) {
+  Allowance everything;
+  return readVariant(message, value, everything);
+}
+
+int readDict(sd_bus_message* message, MessageDict& dict) {
+  Allowance everything;
+  return readDict(message, dict, everything);
 }
 
 int makeCall(sd_bus* bus, const Peer& peer, const Command& command, MessagePtr& call) {
@@ -172,31 +273,28 @@ int makeCall(sd_bus* bus, const Peer& peer, const Command& command, MessagePtr& 
   return r < 0 ? r : appendDict(message, command.request);
 }
 
-int readCall(sd_bus_message* call, const Peer& peer, Command& command) {
-  int r = readString(call, command.client);
-  if (r < 0) {
-    return r;
+CommandResult readCall(sd_bus_message* call, const Peer& peer, Command& command) {
+  Allowance allowance(kMaximumRequestEntries, kMaximumRequestText);
+  const int r = readCommand(call, peer, command, allowance);
+  if (r >= 0) {
+    return {};
   }
-  if (peer.takesTask &&
-      (r = sd_bus_message_read_basic(call, SD_BUS_TYPE_INT32, &command.task)) < 0) {
-    return r;
-  }
-  r = readString(call, command.name);
-  return r < 0 ? r : readDict(call, command.request);
+  const std::string why =
+      r == Allowance::kTooManyEntries
+          ? "has more than " + std::to_string(kMaximumRequestEntries) + " entries"
+      : r == Allowance::kTooMuchText
+          ? "has more than " + std::to_string(kMaximumRequestText) + " bytes of text"
+          : "cannot be read: " + std::generic_category().message(-r);
+  return {kst::kResultInvalidRequest, "the request " + why};
 }
 
-int sendReply(sd_bus_message* call, const CommandResult& result, const MessageValue& reply) {
-  sd_bus_message* message = nullptr;
-  int r = sd_bus_message_new_method_return(call, &message);
+int sendReply(sd_bus_message* reply, const CommandResult& result, const MessageValue& value) {
+  int r = sd_bus_message_append(reply, "is", result.status, carriable(result.text).c_str());
   if (r < 0) {
     return r;
   }
-  const MessagePtr owner(message);
-  if ((r = sd_bus_message_append(message, "is", result.status, result.text.c_str())) < 0 ||
-      (r = appendVariant(message, reply)) < 0) {
-    return r;
-  }
-  return sd_bus_message_send(message);
+  r = appendVariant(reply, value);
+  return r < 0 ? r : sd_bus_message_send(reply);
 }
 
 CommandResult readReply(sd_bus_message* answer, const Peer& peer, MessageValue& reply) {
@@ -210,8 +308,10 @@ CommandResult readReply(sd_bus_message* answer, const Peer& peer, MessageValue& 
   }
   CommandResult result;
   MessageValue value;
+  Allowance everything;
   if (sd_bus_message_read_basic(answer, SD_BUS_TYPE_INT32, &result.status) < 0 ||
-      readString(answer, result.text) < 0 || readVariant(answer, value) < 0) {
+      readString(answer, result.text, everything) < 0 ||
+      readVariant(answer, value, everything) < 0) {
     return malformed;
   }
   reply = std::move(value);

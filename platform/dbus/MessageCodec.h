@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include "platform/dbus/Command.h"
 #include "platform/dbus/Peer.h"
 #include "platform/dbus/SdBus.h"
@@ -11,14 +13,23 @@
 
 namespace dbus {
 
+/// What a request may bring: entries, those of nested dictionaries included, and bytes of text in
+/// client, command, keys and values together. A value of a kind that messages do not have counts
+/// with its texts, and one byte more for each of its parts.
+inline constexpr std::size_t kMaximumRequestEntries = 64;
+inline constexpr std::size_t kMaximumRequestText = std::size_t{64} * 1024;
+
 /// Makes the message of a call. It never starts a service that is not running.
 int makeCall(sd_bus* bus, const Peer& peer, const Command& command, MessagePtr& call);
 
-/// Reads a call that has the signature of the peer's `Perform`.
-int readCall(sd_bus_message* call, const Peer& peer, Command& command);
+/// Reads a call that has the signature of the peer's `Perform`. Reads no further than a request may
+/// be large; what is larger, or malformed, is kResultInvalidRequest with a text that says why, and
+/// `command` is then of no use.
+CommandResult readCall(sd_bus_message* call, const Peer& peer, Command& command);
 
-/// Sends the answer to a call. A null reply travels as an empty dictionary.
-int sendReply(sd_bus_message* call, const CommandResult& result, const MessageValue& reply);
+/// Fills in and sends `reply`, the empty reply to a call. A null value travels as an empty
+/// dictionary; bytes of the result's text that no message can carry as '?'.
+int sendReply(sd_bus_message* reply, const CommandResult& result, const MessageValue& value);
 
 /// Reads the answer to a call, be it a reply or an error of the bus. `reply` is null unless there
 /// was a well-formed one.

@@ -34,7 +34,7 @@ inline constexpr auto kResultCallFailed = static_cast<std::int32_t>(0xE020E006);
 
 /// The service has no such command.
 inline constexpr auto kResultUnknownCommand = static_cast<std::int32_t>(0xE020E011);
-/// The request lacks something that the command needs.
+/// The request lacks something that the command needs, or is larger than a request may be.
 inline constexpr auto kResultInvalidRequest = static_cast<std::int32_t>(0xE020E012);
 /// The collection did not work; nothing stands under a final name.
 inline constexpr auto kResultCollectionFailed = static_cast<std::int32_t>(0xE020E013);
@@ -42,5 +42,13 @@ inline constexpr auto kResultCollectionFailed = static_cast<std::int32_t>(0xE020
 inline constexpr auto kResultStillCollecting = static_cast<std::int32_t>(0xE020E014);
 /// The service is about to end and takes no further requests.
 inline constexpr auto kResultStopping = static_cast<std::int32_t>(0xE020E015);
+/// Too many requests are waiting already; asking again later may work.
+inline constexpr auto kResultBusy = static_cast<std::int32_t>(0xE020E016);
+/// The device has no room for the logs.
+inline constexpr auto kResultNoRoom = static_cast<std::int32_t>(0xE020E017);
+/// The collection took longer than it may and was ended.
+inline constexpr auto kResultTimeOver = static_cast<std::int32_t>(0xE020E018);
+/// No core dump was made, or it vanished before it was collected.
+inline constexpr auto kResultNoCoreDump = static_cast<std::int32_t>(0xE020E019);
 
 }  // namespace kst
