@@ -56,6 +56,8 @@ void PrivateBus::start() {
 
 void PrivateBus::freeze() const { ::kill(daemon, SIGSTOP); }
 
+void PrivateBus::thaw() const { ::kill(daemon, SIGCONT); }
+
 void PrivateBus::kill() {
   if (daemon > 0) {
     ::kill(daemon, SIGKILL);

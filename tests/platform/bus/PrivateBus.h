@@ -21,6 +21,9 @@ class PrivateBus {
   /// Stops the bus in its tracks: it still takes connections, but answers nothing.
   void freeze() const;
 
+  /// Lets a frozen bus go on.
+  void thaw() const;
+
   /// Kills the bus: every connection to it breaks.
   void kill();
 
