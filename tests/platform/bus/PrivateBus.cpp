@@ -10,7 +10,11 @@
 #include <fstream>
 #include <stdexcept>
 
-PrivateBus::PrivateBus() {
+const char* const PrivateBus::kOpen =
+    "<policy context=\"default\"><allow send_destination=\"*\"/>"
+    "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy>";
+
+PrivateBus::PrivateBus(const std::string& policy) {
   std::string pattern = std::filesystem::temp_directory_path() / "kst-bus-XXXXXX";
   if (!mkdtemp(pattern.data())) {
     throw std::runtime_error("no temporary folder");
@@ -18,9 +22,11 @@ PrivateBus::PrivateBus() {
   folder = pattern;
   const std::string address = "unix:path=" + (folder / "bus").string();
   std::ofstream(folder / "bus.conf")
-      << "<busconfig><listen>" << address
-      << "</listen><policy context=\"default\"><allow send_destination=\"*\"/>"
-         "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>";
+      << "<busconfig><listen>" << address << "</listen>" << policy << "</busconfig>";
+  // The bus serves whom its policy lets in.
+  std::filesystem::permissions(folder, std::filesystem::perms::owner_all |
+                                           std::filesystem::perms::group_exec |
+                                           std::filesystem::perms::others_exec);
   setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
 }
 

@@ -9,8 +9,11 @@
 /// can go away and come back.
 class PrivateBus {
  public:
-  /// Names the bus without starting it.
-  PrivateBus();
+  /// Lets the test's own user do everything.
+  static const char* const kOpen;
+
+  /// Names the bus without starting it. `policy` is what the configuration says beside the address.
+  explicit PrivateBus(const std::string& policy = kOpen);
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
   ~PrivateBus();
