@@ -7,8 +7,6 @@
 #include <sstream>
 #include <thread>
 
-namespace fs = std::filesystem;
-
 namespace {
 
 std::vector<std::string> simulatorCommand(const std::vector<std::string>& absent) {
@@ -48,20 +46,7 @@ Finished Device::ksttool(const std::vector<std::string>& words, const std::strin
   return runProgram(command, environment, input);
 }
 
-pid_t Device::processOf(const std::string& program) const {
-  for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
-    std::ifstream file(entry.path() / "stat");
-    std::string id;
-    std::string name;
-    std::string state;
-    pid_t parent = 0;
-    file >> id >> name >> state >> parent;
-    if (parent == simulator.id() && name == "(" + program + ")" && state != "Z") {
-      return std::stoi(id);
-    }
-  }
-  return -1;
-}
+pid_t Device::processOf(const std::string& program) const { return simulator.child(program); }
 
 void Device::kill(const std::string& program) const {
   const pid_t process = processOf(program);
@@ -72,6 +57,6 @@ void Device::kill(const std::string& program) const {
   }
 }
 
-fs::path Device::below(const std::string& path) const {
+std::filesystem::path Device::below(const std::string& path) const {
   return environment.at("KESTRANE_ROOT") + path;
 }

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 namespace {
@@ -155,6 +156,21 @@ int Program::finish() {
   waitpid(process, &status, 0);
   process = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+pid_t Program::child(const std::string& name) const {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::ifstream file(entry.path() / "stat");
+    std::string id;
+    std::string itsName;
+    std::string state;
+    pid_t parent = 0;
+    file >> id >> itsName >> state >> parent;
+    if (parent == process && itsName == "(" + name + ")" && state != "Z") {
+      return std::stoi(id);
+    }
+  }
+  return -1;
 }
 
 Finished runProgram(const std::vector<std::string>& args,

@@ -37,6 +37,9 @@ class Program {
 
   [[nodiscard]] pid_t id() const { return process; }
 
+  /// Its child process of that name; -1 when there is none that runs.
+  [[nodiscard]] pid_t child(const std::string& name) const;
+
   std::string output;  ///< what has been read of standard output and not been taken
   std::string errors;  ///< what has been read of standard error
 
