@@ -1,6 +1,8 @@
 // Runs a command, or a shell, on a simulated device.
 
-#include <array>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -12,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "simulator/ChildProcess.h"
 #include "simulator/PrivateBus.h"
@@ -31,7 +34,20 @@ constexpr int kNotFound = 127;
 
 constexpr const char* kUsage =
     "usage: kst-simulator [--conf FILE] [--root DIR] [--absent NAME]... [-- COMMAND [ARG]...]\n"
-    "NAME is one of manager, helper, corvend, vexild.\n";
+    "       kst-simulator --help\n"
+    "Runs COMMAND, or a shell, on a simulated device and ends with its exit status.\n"
+    "\n"
+    "  --conf FILE    the device.conf of the device, instead of one of the simulator's own\n"
+    "  --root DIR     the file tree of the device, which is kept, instead of a temporary one\n"
+    "  --absent NAME  leaves out one of manager, helper, corvend, vexild\n"
+    "  --help         prints this\n"
+    "\n"
+    "COMMAND finds a standard stream closed that is closed here, and these variables set:\n"
+    "  DBUS_SYSTEM_BUS_ADDRESS   the bus of the device\n"
+    "  KESTRANE_COLLECTION_CONF  a collection.conf of the simulator's own, unless it has a value\n"
+    "  KESTRANE_DEVICE_CONF      the device.conf\n"
+    "  KESTRANE_ROOT             the file tree\n"
+    "  PATH                      the folder of these programs before all others\n";
 
 /// A phone with everything that its tool asks for.
 constexpr const char* kDeviceConfiguration =
@@ -41,6 +57,21 @@ constexpr const char* kDeviceConfiguration =
     "internal_build = true\n"
     "trace_allowed = true\n"
     "trace.BasebandTrace.Enabled = true\n";
+
+constexpr const char* kCollectionConfiguration =
+    "# The disk of this machine is not that of the device.\n"
+    "keep_free = 0\n";
+
+/// A standard stream that is closed would give its number to the first file that is opened, which
+/// would then be taken for the stream. It is filled here with one on which reads and writes fail as
+/// on a closed one, and which is closed again for the command.
+void reserveStandardDescriptors() {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(descriptor, F_GETFD) < 0) {
+      open("/dev/null", (descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
+    }
+  }
+}
 
 std::string programFolder() { return fs::read_symlink("/proc/self/exe").parent_path(); }
 
@@ -62,12 +93,23 @@ std::string deviceConfiguration(const std::string& wanted, const std::string& te
   return path;
 }
 
+std::string collectionConfiguration(const std::string& temporary) {
+  std::string path = temporary + "/collection.conf";
+  std::ofstream(path) << kCollectionConfiguration;
+  return path;
+}
+
 void setVariable(const char* name, const std::string& value) {
   setenv(name, value.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): there is no other thread yet
 }
 
 const char* variable(const char* name) {
   return std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody changes it any more
+}
+
+bool hasValue(const char* name) {
+  const char* value = variable(name);
+  return value != nullptr && *value != '\0';
 }
 
 /// Waits for the command, and passes on what tells the simulator to end. `reap` is called when any
@@ -105,8 +147,7 @@ std::vector<std::string> commandOrShell(const std::vector<std::string>& command)
   if (!command.empty()) {
     return command;
   }
-  const char* shell = variable("SHELL");
-  return {shell != nullptr && *shell != '\0' ? shell : "/bin/sh"};
+  return {hasValue("SHELL") ? variable("SHELL") : "/bin/sh"};
 }
 
 int simulate(const simulator::SimulatorOptions& options) {
@@ -118,6 +159,9 @@ int simulate(const simulator::SimulatorOptions& options) {
   // Before any thread is started: what this process and all its children see.
   const char* path = variable("PATH");
   setVariable("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
+  if (!hasValue("KESTRANE_COLLECTION_CONF")) {
+    setVariable("KESTRANE_COLLECTION_CONF", collectionConfiguration(folder.path()));
+  }
   setVariable("KESTRANE_DEVICE_CONF", deviceConfiguration(options.configuration, folder.path()));
   setVariable("KESTRANE_ROOT", root);
   setVariable("PATH", path == nullptr ? programs : programs + ":" + path);
@@ -133,10 +177,15 @@ int simulate(const simulator::SimulatorOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  reserveStandardDescriptors();
   const auto options = simulator::readSimulatorOptions(argc, argv);
   if (!options) {
     std::cerr << kUsage << std::flush;
     return 2;
+  }
+  if (options->help) {
+    std::cout << kUsage << std::flush;
+    return 0;
   }
   simulator::holdSignals();
   try {
