@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <system_error>
@@ -17,10 +18,6 @@
 namespace simulator {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::seconds kStopLimit{5};
-
 /// What follows runs in the child, on the way to exec(3), and uses async-signal-safe calls only.
 
 void leaveTerminal() {
@@ -30,13 +27,8 @@ void leaveTerminal() {
   dup2(nothing, STDOUT_FILENO);
 }
 
-void redirectErrors(const char* path) {
-  const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  dup2(file, STDERR_FILENO);
-}
-
-[[noreturn]] void become(char* const* arguments, const ChildProcess::Launch& launch, pid_t parent,
-                         int errorPipe) {
+[[noreturn]] void become(char* const* arguments, const ChildProcess::Launch& launch, int errors,
+                         pid_t parent, int errorPipe) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   // The simulator may have been killed before that was set.
   if (getppid() != parent) {
@@ -45,8 +37,8 @@ void redirectErrors(const char* path) {
   if (launch.background) {
     leaveTerminal();
   }
-  if (!launch.errorFile.empty()) {
-    redirectErrors(launch.errorFile.c_str());
+  if (errors >= 0) {
+    dup2(errors, STDERR_FILENO);
   }
   for (const int descriptor : launch.descriptors) {
     fcntl(descriptor, F_SETFD, 0);
@@ -69,6 +61,15 @@ int readError(int errorPipe) {
   return count == sizeof error ? error : 0;
 }
 
+kst::support::Descriptor openErrorFile(const std::string& path) {
+  kst::support::Descriptor file(
+      kst::support::openPath(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  if (!file) {
+    throw std::system_error(errno, std::generic_category(), path);
+  }
+  return file;
+}
+
 std::vector<char*> argumentPointers(std::vector<std::string>& command) {
   std::vector<char*> pointers;
   pointers.reserve(command.size() + 1);
@@ -83,6 +84,10 @@ std::vector<char*> argumentPointers(std::vector<std::string>& command) {
 
 ChildProcess::ChildProcess(const Launch& launch)
     : program(kst::support::lastPathComponent(launch.command.front())) {
+  if (!launch.errorFile.empty()) {
+    errors = openErrorFile(launch.errorFile);
+    errorsBegin = lseek(errors.get(), 0, SEEK_END);
+  }
   std::vector<std::string> command = launch.command;
   const std::vector<char*> arguments = argumentPointers(command);
   const pid_t parent = getpid();
@@ -90,7 +95,7 @@ ChildProcess::ChildProcess(const Launch& launch)
   process = fork();
   const int forkError = errno;
   if (process == 0) {
-    become(arguments.data(), launch, parent, errorPipe.writer.get());
+    become(arguments.data(), launch, errors.get(), parent, errorPipe.writer.get());
   }
   errorPipe.writer.close();
   const int error = process < 0 ? forkError : readError(errorPipe.reader.get());
@@ -105,10 +110,16 @@ ChildProcess::ChildProcess(const Launch& launch)
 
 ChildProcess::ChildProcess(ChildProcess&& other) noexcept
     : program(std::move(other.program)),
+      errors(std::move(other.errors)),
+      errorsBegin(other.errorsBegin),
       process(std::exchange(other.process, -1)),
       waitStatus(other.waitStatus) {}
 
-ChildProcess::~ChildProcess() { stop(); }
+ChildProcess::~ChildProcess() {
+  if (process > 0) {
+    awaitEnd(Clock::now());
+  }
+}
 
 bool ChildProcess::hasEnded() {
   int status = 0;
@@ -129,14 +140,12 @@ void ChildProcess::send(int signal) {
   }
 }
 
-void ChildProcess::stop(int signal) {
-  if (process < 0) {
-    return;
-  }
+void ChildProcess::askToEnd(int signal) {
   send(signal);
-  // One that is stopped gets to see the signal only when it goes on.
-  send(SIGCONT);
-  const Clock::time_point deadline = Clock::now() + kStopLimit;
+  wake();
+}
+
+void ChildProcess::awaitEnd(Clock::time_point deadline) {
   while (!hasEnded() && Clock::now() < deadline) {
     awaitChildSignal(std::chrono::milliseconds(100));
   }
@@ -144,6 +153,19 @@ void ChildProcess::stop(int signal) {
   while (!hasEnded()) {
     awaitChildSignal(std::chrono::milliseconds(100));
   }
+}
+
+std::string ChildProcess::withErrors(const std::string& text) const {
+  std::string written;
+  std::array<char, 4096> buffer;
+  ssize_t count = 0;
+  while ((count = pread(errors.get(), buffer.data(), buffer.size(),
+                        errorsBegin + static_cast<off_t>(written.size()))) > 0) {
+    written.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  // What prints the text ends the line.
+  written.erase(written.find_last_not_of('\n') + 1);
+  return written.empty() ? text : text + ": " + written;
 }
 
 }  // namespace simulator

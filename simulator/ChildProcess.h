@@ -2,16 +2,21 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <csignal>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "support/Descriptor.h"
+
 namespace simulator {
 
-/// A child process: ends when this object goes, and is killed when the simulator is.
+/// A child process: killed when this object goes, and when the simulator is.
 class ChildProcess {
  public:
+  using Clock = std::chrono::steady_clock;
+
   struct Launch {
     /// The program, looked for in PATH if it has no "/", and its arguments.
     std::vector<std::string> command;
@@ -19,7 +24,8 @@ class ChildProcess {
     /// Out of the terminal's reach: a process group of its own, no standard input and output.
     bool background = false;
 
-    /// The file to which standard error goes; empty: to that of the simulator.
+    /// The file to which standard error is appended, created with mode 0600; empty: to that of the
+    /// simulator.
     std::string errorFile{};
 
     /// Open descriptors that the child keeps.
@@ -27,7 +33,7 @@ class ChildProcess {
   };
 
   /// Throws std::system_error, with the error number of exec(3), when the program cannot be
-  /// started. REQUIRES: the main thread.
+  /// started, or that of open(2) for its error file. REQUIRES: the main thread.
   explicit ChildProcess(const Launch& launch);
   ChildProcess(ChildProcess&& other) noexcept;
   ChildProcess(const ChildProcess&) = delete;
@@ -44,15 +50,26 @@ class ChildProcess {
   /// has ended.
   [[nodiscard]] int exitStatus() const;
 
-  /// Has it end by `signal`, or by SIGKILL if that does not work within 5 s, and waits for that.
-  void stop(int signal = SIGTERM);
+  /// `text`, and behind it what the process has written to its error file, if anything.
+  [[nodiscard]] std::string withErrors(const std::string& text) const;
+
+  /// Lets it go on if it is stopped, which shows a signal that it was sent meanwhile.
+  void wake() { send(SIGCONT); }
+
+  /// Asks it to end by `signal`, and does not wait for that.
+  void askToEnd(int signal = SIGTERM);
+
+  /// Waits until it has ended; one that has not by `deadline` is killed.
+  void awaitEnd(Clock::time_point deadline);
 
  private:
   void send(int signal);
 
   std::string program;
-  pid_t process = -1;             // -1: none, as after a move
-  std::optional<int> waitStatus;  // of waitpid(2); set when the process has ended
+  kst::support::Descriptor errors;  // the error file, if there is one
+  off_t errorsBegin = 0;            // what stands before that is of earlier processes
+  pid_t process = -1;               // -1: none, as after a move
+  std::optional<int> waitStatus;    // of waitpid(2); set when the process has ended
 };
 
 }  // namespace simulator

@@ -9,7 +9,6 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -46,7 +45,8 @@ constexpr const char* kUsage =
     "  DBUS_SYSTEM_BUS_ADDRESS   the bus of the device\n"
     "  KESTRANE_COLLECTION_CONF  a collection.conf of the simulator's own, unless it has a value\n"
     "  KESTRANE_DEVICE_CONF      the device.conf\n"
-    "  KESTRANE_ROOT             the file tree\n"
+    "  KESTRANE_ROOT             the file tree; var/log/NAME.log below it is standard error of\n"
+    "                            kestrane, kestrane-helper, Corvend and vexild\n"
     "  PATH                      the folder of these programs before all others\n";
 
 /// A phone with everything that its tool asks for.
@@ -112,18 +112,18 @@ bool hasValue(const char* name) {
   return value != nullptr && *value != '\0';
 }
 
-/// Waits for the command, and passes on what tells the simulator to end. `reap` is called when any
-/// child has ended.
-int awaitEnd(simulator::ChildProcess& command, const std::function<void()>& reap) {
+/// Waits for the command, and passes on to it and the device what tells the simulator to end.
+int awaitEnd(simulator::ChildProcess& command, simulator::SimulatedDevice& device) {
   while (!command.hasEnded()) {
     const int signal = simulator::nextSignal().value_or(0);
     switch (signal) {
       case SIGCHLD:
-        reap();
+        device.reap();
         break;
       case SIGHUP:
       case SIGTERM:
-        command.stop(signal);
+        command.askToEnd(signal);
+        command.awaitEnd(device.beginStop());
         break;
       default:
         // SIGINT and SIGQUIT come from the terminal, which has sent them to the command too.
@@ -133,10 +133,10 @@ int awaitEnd(simulator::ChildProcess& command, const std::function<void()>& reap
   return command.exitStatus();
 }
 
-int runCommand(const std::vector<std::string>& words, const std::function<void()>& reap) {
+int runCommand(const std::vector<std::string>& words, simulator::SimulatedDevice& device) {
   try {
     simulator::ChildProcess command({words});
-    return awaitEnd(command, reap);
+    return awaitEnd(command, device);
   } catch (const std::system_error& error) {
     std::cerr << "kst-simulator: " << error.what() << std::endl;
     return error.code() == std::errc::no_such_file_or_directory ? kNotFound : kNotExecutable;
@@ -166,12 +166,9 @@ int simulate(const simulator::SimulatorOptions& options) {
   setVariable("KESTRANE_ROOT", root);
   setVariable("PATH", path == nullptr ? programs : programs + ":" + path);
 
-  simulator::SimulatedDevice device(folder, programs, root, options.absent);
+  simulator::SimulatedDevice device(folder, bus, programs, root, options.absent);
   device.awaitReady();
-  return runCommand(commandOrShell(options.command), [&] {
-    bus.reap();
-    device.reap();
-  });
+  return runCommand(commandOrShell(options.command), device);
 }
 
 }  // namespace

@@ -2,18 +2,21 @@
 
 #include <poll.h>
 
+#include <chrono>
 #include <fstream>
 #include <stdexcept>
 #include <string_view>
-#include <vector>
 
 #include "simulator/Pipe.h"
-#include "support/FileOperations.h"
+#include "simulator/Signals.h"
 
 namespace simulator {
 namespace {
 
-constexpr int kStartLimit = 10'000;  // milliseconds
+using Clock = ChildProcess::Clock;
+
+constexpr std::chrono::seconds kStartLimit{10};
+constexpr int kLookInterval = 10;  // milliseconds
 
 /// The address of a socket, with the bytes escaped that an address cannot hold as they are.
 std::string addressOf(const std::string& socket) {
@@ -51,28 +54,25 @@ std::string writeConfiguration(const std::string& folder, const std::string& add
   return path;
 }
 
-std::string contentOf(const std::string& path) {
-  std::vector<char> content;
-  kst::support::readWholeFile(path, content);
-  return {content.begin(), content.end()};
-}
-
 /// Starts the bus, which writes its address into a pipe once it listens.
 ChildProcess startDaemon(const TemporaryFolder& folder, const std::string& address) {
   Pipe ready;
   // The daemon warns of limits that it cannot raise, which says nothing to the simulator's user.
-  const std::string errorFile = folder.path() + "/bus.log";
   ChildProcess daemon({.command = {"dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
                                    "--config-file=" + writeConfiguration(folder.path(), address),
                                    "--print-address=" + std::to_string(ready.writer.get())},
                        .background = true,
-                       .errorFile = errorFile,
+                       .errorFile = folder.path() + "/bus.log",
                        .descriptors = {folder.lifeline(), ready.writer.get()}});
   // So that the end of the daemon is the end of the pipe.
   ready.writer.close();
   pollfd output{.fd = ready.reader.get(), .events = POLLIN, .revents = 0};
-  if (poll(&output, 1, kStartLimit) <= 0 || (output.revents & POLLIN) == 0) {
-    throw std::runtime_error("the message bus did not start: " + contentOf(errorFile));
+  const Clock::time_point deadline = Clock::now() + kStartLimit;
+  while (poll(&output, 1, kLookInterval) <= 0 && Clock::now() < deadline) {
+    awaitInterruption(std::chrono::milliseconds(0));
+  }
+  if ((output.revents & POLLIN) == 0) {
+    throw std::runtime_error(daemon.withErrors("the message bus did not start"));
   }
   return daemon;
 }

@@ -50,6 +50,13 @@ std::optional<int> nextSignal(std::optional<std::chrono::milliseconds> limit) {
   return signal > 0 ? std::optional(signal) : std::nullopt;
 }
 
+void awaitInterruption(std::chrono::milliseconds limit) {
+  const auto signal = nextSignal(limit);
+  if (signal && *signal != SIGCHLD) {
+    throw Interrupted{*signal};
+  }
+}
+
 void awaitChildSignal(std::chrono::milliseconds limit) {
   const sigset_t children = setOf({SIGCHLD});
   const timespec time = toTimespec(limit);

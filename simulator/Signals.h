@@ -17,6 +17,10 @@ void holdSignals();
 /// Waits for one of these signals, at most for `limit` if there is one; nothing when it has passed.
 std::optional<int> nextSignal(std::optional<std::chrono::milliseconds> limit = {});
 
+/// Waits for `limit`, or less if a child ends; throws Interrupted for a signal that tells the
+/// simulator to end.
+void awaitInterruption(std::chrono::milliseconds limit);
+
 /// Waits for SIGCHLD alone, at most for `limit`.
 void awaitChildSignal(std::chrono::milliseconds limit);
 

@@ -5,12 +5,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <tuple>
 #include <utility>
 
+#include "collection/DevicePaths.h"
 #include "platform/client/HelperClient.h"
 #include "platform/client/ManagerClient.h"
 #include "simulator/Signals.h"
@@ -19,9 +20,10 @@
 namespace simulator {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = ChildProcess::Clock;
 
 constexpr std::chrono::seconds kStartLimit{10};
+constexpr std::chrono::seconds kStopLimit{3};
 constexpr std::chrono::milliseconds kLookInterval{10};
 constexpr const char* kClientName = "kst-simulator";
 
@@ -65,10 +67,10 @@ std::function<bool()> logGrows(const std::string& log) {
 
 }  // namespace
 
-SimulatedDevice::SimulatedDevice(const TemporaryFolder& temporaryFolder,
+SimulatedDevice::SimulatedDevice(const TemporaryFolder& temporaryFolder, PrivateBus& bus,
                                  const std::string& programFolder, const std::string& deviceRoot,
                                  const std::set<std::string>& absent)
-    : folder(temporaryFolder), programs(programFolder), root(deviceRoot) {
+    : folder(temporaryFolder), privateBus(bus), programs(programFolder), root(deviceRoot) {
   const collection::DevicePaths paths(root);
   const auto present = [&](const char* part) { return !absent.contains(part); };
   if (present(kCorvendPart)) {
@@ -85,9 +87,33 @@ SimulatedDevice::SimulatedDevice(const TemporaryFolder& temporaryFolder,
   }
 }
 
+SimulatedDevice::~SimulatedDevice() {
+  const Clock::time_point deadline = beginStop();
+  for (Part& part : parts) {
+    part.process.awaitEnd(deadline);
+  }
+  // A client that waits for a bus which does not answer goes only when that is gone.
+  privateBus.stop();
+}
+
+Clock::time_point SimulatedDevice::beginStop() {
+  if (!stopDeadline) {
+    stopDeadline = Clock::now() + kStopLimit;
+    // A service that waits for the bus ends when that goes on.
+    privateBus.wake();
+    for (Part& part : parts) {
+      part.process.askToEnd();
+    }
+  }
+  return *stopDeadline;
+}
+
 void SimulatedDevice::start(const std::string& program, std::function<bool()> isReady) {
+  const std::filesystem::path logs = std::filesystem::path(root) / "var/log";
+  std::filesystem::create_directories(logs);
   ChildProcess process({.command = {programs + "/" + program, "--root", root},
                         .background = true,
+                        .errorFile = logs / (program + ".log"),
                         .descriptors = {folder.lifeline()}});
   parts.push_back({std::move(process), std::move(isReady)});
 }
@@ -98,15 +124,12 @@ void SimulatedDevice::awaitReady() {
     while (!part.isReady()) {
       const std::string& name = part.process.name();
       if (part.process.hasEnded()) {
-        throw std::runtime_error(name + " has ended");
+        throw std::runtime_error(part.process.withErrors(name + " has ended"));
       }
       if (Clock::now() >= deadline) {
-        throw std::runtime_error(name + " did not get ready");
+        throw std::runtime_error(part.process.withErrors(name + " did not get ready"));
       }
-      const auto signal = nextSignal(kLookInterval);
-      if (signal && *signal != SIGCHLD) {
-        throw Interrupted{*signal};
-      }
+      awaitInterruption(kLookInterval);
     }
     // Lets go of the client that has watched it.
     part.isReady = nullptr;
@@ -114,6 +137,7 @@ void SimulatedDevice::awaitReady() {
 }
 
 void SimulatedDevice::reap() {
+  privateBus.reap();
   for (Part& part : parts) {
     part.process.hasEnded();
   }

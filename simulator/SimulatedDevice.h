@@ -1,12 +1,13 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "collection/DevicePaths.h"
 #include "simulator/ChildProcess.h"
+#include "simulator/PrivateBus.h"
 #include "simulator/TemporaryFolder.h"
 
 namespace simulator {
@@ -15,18 +16,27 @@ namespace simulator {
 /// a real device: over the system bus of the environment, and in the process table.
 class SimulatedDevice {
  public:
-  /// Starts all parts but the absent ones, from `programFolder`. Throws std::system_error for
-  /// a program that cannot be started.
-  SimulatedDevice(const TemporaryFolder& temporaryFolder, const std::string& programFolder,
-                  const std::string& deviceRoot, const std::set<std::string>& absent);
+  /// Starts all parts but the absent ones, from `programFolder`; what a part writes to standard
+  /// error goes to var/log/NAME.log below `deviceRoot`. Throws std::system_error for a program or a
+  /// log that cannot be had.
+  SimulatedDevice(const TemporaryFolder& temporaryFolder, PrivateBus& bus,
+                  const std::string& programFolder, const std::string& deviceRoot,
+                  const std::set<std::string>& absent);
   SimulatedDevice(const SimulatedDevice&) = delete;
   SimulatedDevice& operator=(const SimulatedDevice&) = delete;
+
+  /// Stops all parts, and then the bus, and waits for their end.
+  ~SimulatedDevice();
 
   /// Waits until all that was started does its work. Throws std::runtime_error when something ends
   /// or is not ready within 10 s, and Interrupted for a signal that ends the simulator.
   void awaitReady();
 
-  /// Leaves no zombie of a part that has ended.
+  /// Asks all parts to end, and returns when those who have not will be killed, 3 s after the first
+  /// call: the limit for everybody who is to end along with them.
+  ChildProcess::Clock::time_point beginStop();
+
+  /// Leaves no zombie of a part, or of the bus, that has ended.
   void reap();
 
  private:
@@ -38,9 +48,11 @@ class SimulatedDevice {
   void start(const std::string& program, std::function<bool()> isReady);
 
   const TemporaryFolder& folder;
+  PrivateBus& privateBus;
   const std::string programs;
   const std::string root;
   std::vector<Part> parts;
+  std::optional<ChildProcess::Clock::time_point> stopDeadline;  // set when the stop has begun
 };
 
 }  // namespace simulator
