@@ -2,10 +2,10 @@
 
 #include <charconv>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string_view>
 #include <system_error>
+#include <utility>
+
+#include "platform/device/ConfigFile.h"
 
 namespace {
 
@@ -15,31 +15,13 @@ std::string configPath() {
   return path ? path : "/etc/kestrane/device.conf";
 }
 
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view kBlank = " \t\r\v\f";
-  const std::size_t first = text.find_first_not_of(kBlank);
-  if (first == std::string_view::npos) {
-    return {};
-  }
-  return text.substr(first, text.find_last_not_of(kBlank) - first + 1);
-}
-
 }  // namespace
 
 DeviceConfig DeviceConfig::load() {
   DeviceConfig config;
-  const std::string path = configPath();
-  std::error_code ignored;
-  if (!std::filesystem::is_regular_file(path, ignored)) {
-    return config;  // opening a pipe could block for good
-  }
-  std::ifstream file(path);
-  for (std::string line; std::getline(file, line);) {
-    const std::string_view setting = std::string_view(line).substr(0, line.find('#'));
-    const std::size_t equals = setting.find('=');
-    if (equals != std::string_view::npos) {
-      config.values[std::string(trimmed(setting.substr(0, equals)))] =
-          trimmed(setting.substr(equals + 1));
+  for (ConfigLine& line : readConfigFile(configPath())) {
+    if (line.hasValue) {
+      config.values[std::move(line.key)] = std::move(line.value);
     }
   }
   return config;

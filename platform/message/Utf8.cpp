@@ -1,7 +1,6 @@
 #include "platform/message/Utf8.h"
 
 #include <array>
-#include <cstddef>
 
 namespace {
 
@@ -18,8 +17,9 @@ std::size_t continuationCount(unsigned char lead) {
   return lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : 3;
 }
 
-/// The length of the character at the front of `bytes`, which is not empty; 0 when there is none.
-std::size_t characterLength(std::string_view bytes) {
+}  // namespace
+
+std::size_t messageCharacter(std::string_view bytes, char32_t& code) {
   constexpr std::array<char32_t, 4> kSmallest = {0, 0x80, 0x800,
                                                  0x10000};  // below it: an overlong form
 
@@ -29,7 +29,7 @@ std::size_t characterLength(std::string_view bytes) {
   if (isContinuation || lead >= 0xF8 || bytes.size() <= count) {
     return 0;
   }
-  char32_t code = count == 0 ? lead : lead & (0x3FU >> count);
+  code = count == 0 ? lead : lead & (0x3FU >> count);
   for (std::size_t i = 1; i <= count; ++i) {
     const auto byte = static_cast<unsigned char>(bytes[i]);
     if ((byte & 0xC0) != 0x80) {
@@ -40,11 +40,10 @@ std::size_t characterLength(std::string_view bytes) {
   return code >= kSmallest[count] && isCharacter(code) ? count + 1 : 0;
 }
 
-}  // namespace
-
 bool isMessageText(std::string_view bytes) {
+  char32_t code = 0;
   while (!bytes.empty()) {
-    const std::size_t length = characterLength(bytes);
+    const std::size_t length = messageCharacter(bytes, code);
     if (length == 0) {
       return false;
     }
