@@ -1,10 +1,25 @@
 #include "collection/CollectionRequest.h"
 
+#include <algorithm>
+
 #include "collection/PrintableText.h"
 #include "platform/client/Constants.h"
 
 namespace collection {
 namespace {
+
+constexpr const char* kTextKeys[] = {kst::kKeyTraceAction, kst::kKeyTraceDumpStateReason,
+                                     kst::kKeyBasebandResetReason, kst::kKeyBasebandResetType,
+                                     kst::kKeyBasebandResetSubType};
+
+bool hasRightTypes(const MessageDict& request) {
+  const MessageValue* compress = request.find(kst::kKeyTraceDumpStatePerformCompression);
+  return (compress == nullptr || compress->boolean() != nullptr) &&
+         std::all_of(std::begin(kTextKeys), std::end(kTextKeys), [&](const char* key) {
+           const MessageValue* value = request.find(key);
+           return value == nullptr || value->text() != nullptr;
+         });
+}
 
 std::string line(const MessageDict& request, const char* key) {
   return printable(request.text(key, kst::kUnknown));
@@ -25,6 +40,9 @@ const char* actionOf(LogKind kind) {
 }
 
 std::optional<CollectionRequest> readCollectionRequest(const MessageDict& request) {
+  if (!hasRightTypes(request)) {
+    return {};
+  }
   const std::string action = request.text(kst::kKeyTraceAction, "");
   for (const LogKind kind :
        {LogKind::kTelephony, LogKind::kTelephonyWithCoredump, LogKind::kBaseband}) {
@@ -35,6 +53,7 @@ std::optional<CollectionRequest> readCollectionRequest(const MessageDict& reques
     return CollectionRequest{
         .kind = kind,
         .compress = request.boolean(kst::kKeyTraceDumpStatePerformCompression, true),
+        .isIndicated = true,
         .reason = line(request,
                        withCoredump ? kst::kKeyBasebandResetReason : kst::kKeyTraceDumpStateReason),
         .resetType = line(request, kst::kKeyBasebandResetType),

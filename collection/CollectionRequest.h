@@ -16,7 +16,8 @@ enum class LogKind {
 struct CollectionRequest {
   LogKind kind = LogKind::kTelephony;
   bool compress = true;
-  std::string reason;  ///< one line of printable text
+  bool isIndicated = false;  ///< the dump indication stands meanwhile
+  std::string reason;        ///< one line of printable text
 
   // Of a core dump, each one line of printable text.
   std::string resetType;
@@ -24,7 +25,7 @@ struct CollectionRequest {
 };
 
 /// The collection that a request of kCommandTraceDumpState asks for; nothing if its action is
-/// missing or unknown.
+/// missing or unknown, or a value has a type of its own. A missing text is kUnknown.
 std::optional<CollectionRequest> readCollectionRequest(const MessageDict& request);
 
 /// The action of a request for this kind.

@@ -1,32 +1,42 @@
 #include "collection/Collector.h"
 
-#include <fcntl.h>
 #include <sys/time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <exception>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "collection/CollectionError.h"
 #include "collection/CoreDump.h"
-#include "collection/Folder.h"
-#include "collection/LogFiles.h"
+#include "collection/DumpIndication.h"
+#include "collection/LogSources.h"
 #include "collection/PrintableText.h"
+#include "collection/Progress.h"
+#include "collection/Report.h"
+#include "collection/SnapshotWriter.h"
 #include "collection/Snapshots.h"
-#include "collection/ZipArchive.h"
 #include "logdump/TimestampSet.h"
 #include "platform/device/RadioInfo.h"
-#include "support/Descriptor.h"
-#include "support/DirectoryStream.h"
 #include "support/FileOperations.h"
-#include "support/LogDirectory.h"
 #include "trace/DiagConfig.h"
 #include "trace/Trace.h"
 
 namespace collection {
 namespace {
 
-constexpr std::chrono::seconds kCoreDumpLimit{10};
 constexpr std::int32_t kVendorWithDiag = 2;
+
+constexpr const char* kTimeWasOver = "the time was over";
 
 /// How the name of the snapshot ends, as its readers expect it.
 std::string snapshotSuffix(const CollectionRequest& request) {
@@ -44,234 +54,241 @@ std::string snapshotSuffix(const CollectionRequest& request) {
   return RadioInfo::getRadioVendor() == kVendorWithDiag ? "-diag" : "-bb-trace";
 }
 
-/// One collection, from the request to the snapshot.
+std::vector<std::string> sourceFolders(LogKind kind) {
+  const std::string baseband = diag::config::kDIAGScratchDir;
+  return kind == LogKind::kBaseband ? std::vector{baseband}
+                                    : std::vector<std::string>{kst::trace::kTEL, baseband};
+}
+
+timeval presentTime() {
+  timeval time{};
+  TimestampSet::now(time);
+  return time;
+}
+
+/// Waits for another process's collection as long as this one may take.
+std::function<bool()> patience(const Progress& progress) {
+  return [&progress] {
+    constexpr std::chrono::milliseconds kLookInterval{10};
+    progress.check();
+    std::this_thread::sleep_for(kLookInterval);
+    return !progress.timeIsOver();
+  };
+}
+
+/// One collection, from the request to the snapshot. Its steps throw CollectionError.
 class Collection {
  public:
-  Collection(const DevicePaths& devicePaths, const std::string& stagingFolder,
-             const CollectionRequest& collectionRequest)
+  Collection(const DevicePaths& devicePaths, const Limits& collectionLimits,
+             const CollectionRequest& collectionRequest, const std::function<bool()>& isCancelled)
       : paths(devicePaths),
-        folder(stagingFolder + "/snapshot"),
-        zip(stagingFolder + "/snapshot.zip"),
-        request(collectionRequest) {
-    TimestampSet::now(start);
-  }
+        limits(collectionLimits),
+        request(collectionRequest),
+        progress(limits.collectionTime, isCancelled),
+        store(paths.staging, paths.snapshots, limits, patience(progress)),
+        start(presentTime()),
+        writer(makeWriter()) {}
 
-  Failure run() {
-    for (const auto step : {&Collection::prepare, &Collection::dumpCore, &Collection::copyLogs,
-                            &Collection::writeInfo, &Collection::finish, &Collection::publish}) {
-      if (auto failure = (this->*step)()) {
-        return failure;
-      }
+  CollectionOutcome run() {
+    indicate();
+    if (request.kind == LogKind::kTelephonyWithCoredump) {
+      copyCoreDump(takeCoreDump(paths, request, limits.coreDumpTime, progress, report));
     }
-    return {};
+    copyLogs();
+    writeInfo();
+    writer->finish();
+    const SnapshotName name = store.publish(request.compress, start, snapshotSuffix(request));
+    // The logs are safe: what goes wrong with older ones is worth a word, but no failure.
+    if (const auto failure = store.removeOld(name)) {
+      report.remark(*failure);
+    }
+    return {.result = {0, report.summary()},
+            .timestamp = name.timestamp,
+            .path = kst::support::childPath(paths.snapshots, name.text()),
+            .bytes = store.sizeOf({name}),
+            .files = report.fileCount()};
   }
-
-  /// What `run` has made.
-  [[nodiscard]] const Snapshot& snapshot() const { return published; }
 
  private:
-  Failure prepare() {
-    if (auto failure = makeFolder(folder)) {
-      return failure;
-    }
-    return makeFolder(paths.snapshots);
+  [[nodiscard]] std::unique_ptr<SnapshotWriter> makeWriter() const {
+    const auto make = request.compress ? makeZipWriter : makeFolderWriter;
+    return make(store.stagingFolder(), SnapshotStore::stagedName(request.compress));
   }
 
-  Failure dumpCore() {
-    if (request.kind != LogKind::kTelephonyWithCoredump) {
-      return {};
+  void indicate() {
+    if (request.isIndicated && indication.emplace(paths.dumpIndication).problem()) {
+      report.remark("no dump indication: " + *indication->problem());
     }
-    return takeCoreDump(paths, request, kCoreDumpLimit, coreDump);
   }
 
-  Failure copyLogs() {
-    std::vector<std::string> sources{paths.basebandLogs};
-    if (request.kind != LogKind::kBaseband) {
-      sources.insert(sources.begin(), paths.telephonyLogs);
+  /// Half a dump is none.
+  void copyCoreDump(OpenLog dump) {
+    copy(dump, dump.record.size);
+    if (dump.record.fate != Fate::kWhole) {
+      throwNothing(kst::kResultNoCoreDump, dump.record.name + ": " + dump.record.why);
     }
+    report.add(std::move(dump.record));
+  }
 
-    // The daemons' logs stand still from the listing to the end of the copying.
-    std::vector<kst::support::Descriptor> locks(sources.size());
-    std::vector<LogFile> files;
-    for (std::size_t index = 0; index < sources.size(); ++index) {
-      const std::string& source = sources[index];
-      if (auto failure = lockFolder(source, locks[index])) {
-        return failure;
+  void copyLogs() {
+    LogSources sources(paths.scratch, sourceFolders(request.kind), limits, progress, report);
+    for (auto batch = sources.openNext(); !batch.empty(); batch = sources.openNext()) {
+      for (OpenLog& log : batch) {
+        copy(log, limits.maxSource.value_or(log.record.size));
+        log.file.close();
+        report.add(std::move(log.record));
       }
-      const std::string name = kst::support::lastPathComponent(source);
-      if (auto failure = listLogFiles(source, name, files)) {
-        return failure;
-      }
+      batch.clear();
     }
-    if (!coreDump.empty()) {
-      files.push_back(coreDumpFile());
-    }
-
-    if (auto failure = checkRoom(files)) {
-      return failure;
-    }
-    for (const LogFile& file : files) {
-      if (auto failure = copy(file)) {
-        return failure;
+    outOfTime = outOfTime || !sources.isAtEnd();
+    for (const Failure& limit : {outOfTime ? Failure(kTimeWasOver) : Failure(), outOfRoom}) {
+      if (limit) {
+        report.remark("not all logs were collected: " + *limit);
       }
     }
-    return {};
+    const bool failed = report.count(Fate::kUnreadable) > 0;
+    if (report.fileCount() == 0 && (failed || outOfTime || outOfRoom)) {
+      throwNothing(kst::kResultCollectionFailed,
+                   "nothing could be read: " + report.firstReason(Fate::kUnreadable));
+    }
   }
 
-  [[nodiscard]] LogFile coreDumpFile() const {
-    LogFile file{kst::support::childPath(paths.coreDumps, coreDump),
-                 kst::support::childPath(kst::trace::kCoreDump, coreDump)};
-    kst::support::fileSize(file.path, file.size);
-    return file;
+  /// Nothing is worth a snapshot, by a limit if one was met.
+  [[noreturn]] void throwNothing(std::int32_t status, const std::string& text) const {
+    if (outOfTime) {
+      throw CollectionError(kst::kResultTimeOver, "the collection took too long");
+    }
+    if (outOfRoom) {
+      throw CollectionError(kst::kResultNoRoom, *outOfRoom + " in " + paths.snapshots);
+    }
+    throw CollectionError(status, text);
   }
 
-  [[nodiscard]] Failure checkRoom(const std::vector<LogFile>& files) const {
-    std::uint64_t total = 0;
-    std::uint64_t freeBlocks = 0;
-    std::uint64_t fragmentSize = 0;
-    if (!kst::support::fileSystemSpace(folder, total, freeBlocks, fragmentSize)) {
-      return callFailed("statvfs", folder);
+  /// Copies what the log held when it was opened, at most `limit` bytes, and notes what became of
+  /// it.
+  void copy(OpenLog& log, std::uint64_t limit) {
+    LogRecord& record = log.record;
+    // The most that a file takes beside its content, whatever the form of the snapshot.
+    constexpr std::uint64_t kFileOverhead = 8192;
+    if (const auto lacking = lackFor(kFileOverhead + 2 * record.name.size())) {
+      note(record, Fate::kLeftOut, *lacking);
+      return;
     }
-    std::uint64_t needed = 0;
-    for (const LogFile& file : files) {
-      needed += file.size;
+    if (!writer->begin(record)) {
+      note(record, Fate::kUnreadable, "its name is taken");
+      return;
     }
-    // For a while the copies and the archive, at worst of the same size, stand side by side.
-    if (request.compress) {
-      needed *= 2;
+    record.collected = 0;
+    const std::uint64_t wanted = std::min(record.size, limit);
+    while (record.fate == Fate::kWhole && *record.collected < wanted) {
+      copyPiece(log, wanted - *record.collected);
     }
-    if (needed <= freeBlocks * fragmentSize) {
-      return {};
+    writer->end();
+    if (record.fate == Fate::kWhole && wanted < record.size) {
+      note(record, Fate::kCut, "max_source");
     }
-    return "not enough room in " + folder + ": " + std::to_string(needed) + " bytes needed, " +
-           std::to_string(freeBlocks * fragmentSize) + " free";
   }
 
-  Failure copy(const LogFile& file) {
-    const std::string target = kst::support::childPath(folder, file.name);
-    const std::string targetFolder = kst::support::parentDirectory(target);
-    if (auto failure = makeFolder(targetFolder)) {
-      return failure;
+  void copyPiece(OpenLog& log, std::uint64_t rest) {
+    LogRecord& record = log.record;
+    const std::size_t length = std::min<std::uint64_t>(rest, buffer.size());
+    if (const auto lacking = lackFor(length)) {
+      note(record, Fate::kCut, *lacking);
+      return;
     }
-    if (!kst::support::copyFile(file.path, target, true)) {
-      const int error = errno;
-      // With a folder to create the copy in, it is the log that there is no longer.
-      if (error == ENOENT && kst::support::pathExists(targetFolder)) {
-        vanished.push_back(file.name);
+    const ssize_t count = read(log.file.get(), buffer.data(), length);
+    if (count > 0) {
+      const auto size = static_cast<std::size_t>(count);
+      writer->write(std::string_view(buffer.data(), size));
+      *record.collected += size;
+    } else if (count == 0) {
+      note(record, Fate::kCut, "it became shorter");
+    } else if (errno != EINTR) {
+      note(record, Fate::kCut, std::generic_category().message(errno));
+    }
+  }
+
+  /// What lacks for so many bytes more of a log, if anything does.
+  Failure lackFor(std::uint64_t bytes) {
+    progress.check();
+    if (progress.timeIsOver()) {
+      outOfTime = true;
+      return kTimeWasOver;
+    }
+    constexpr std::uint64_t kSlack = 65'536;  // of a compression that makes it longer, and buffers
+    const std::uint64_t more = bytes + report.infoSize() + kSlack;
+    // For less there may be room still.
+    if (more < tooMuch) {
+      auto lacking = store.makeRoom(writer->room(), more);
+      if (!lacking) {
         return {};
       }
-      errno = error;
-      return callFailed("copy", file.path + " to " + target);
+      outOfRoom = std::move(lacking);
+      tooMuch = more;
     }
-    copied.push_back(file);
-    // The file may have grown since it was listed.
-    kst::support::fileSize(target, copied.back().size);
-    return {};
+    return outOfRoom;
   }
 
-  Failure writeInfo() {
-    const std::string path = folder + kst::trace::kKSTInfoFilename;
-    const std::string text = info();
-    const kst::support::Descriptor file(
-        kst::support::openPath(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    if (!file) {
-      return callFailed("open", path);
-    }
-    if (!kst::support::writeFully(file.get(), text.data(), text.size())) {
-      return callFailed("write", path);
-    }
-    return {};
+  static void note(LogRecord& record, Fate fate, const std::string& why) {
+    record.fate = fate;
+    record.why = why;
   }
 
-  [[nodiscard]] std::string info() const {
-    TimestampSet timestamps;
-    timestamps.set(start, 0);
-    std::string text = "Reason: " + request.reason +
-                       "\nTime: " + timestamps.toString(0, kTimestampDateZone) +
-                       "\nAction: " + actionOf(request.kind) +
-                       "\nCompress: " + (request.compress ? "true" : "false") +
-                       "\nFiles: " + std::to_string(copied.size()) + "\n";
-    for (const LogFile& file : copied) {
-      text += "  " + printable(file.name) + " (" + std::to_string(file.size) + " bytes)\n";
+  void writeInfo() {
+    const std::string text = report.info(request, start);
+    LogRecord record{.name = kst::support::lastPathComponent(kst::trace::kKSTInfoFilename),
+                     .size = text.size(),
+                     .modified = {.tv_sec = start.tv_sec, .tv_nsec = start.tv_usec * 1000}};
+    if (!writer->begin(record)) {
+      throw CollectionError(kst::kResultCollectionFailed, "a log has the name of " + record.name);
     }
-    if (copied.empty()) {
-      text += "No log file was found.\n";
+    for (std::size_t done = 0; done < text.size(); done += buffer.size()) {
+      writer->write(std::string_view(text).substr(done, buffer.size()));
     }
-    for (const std::string& name : vanished) {
-      text += "Removed by its daemon before it was copied: " + printable(name) + "\n";
-    }
-    return text;
-  }
-
-  /// Brings what is published into its final form and onto the disk.
-  Failure finish() {
-    if (!request.compress) {
-      return syncTree(folder);
-    }
-    std::vector<std::string> names{kst::support::lastPathComponent(kst::trace::kKSTInfoFilename)};
-    for (const LogFile& file : copied) {
-      names.push_back(file.name);
-    }
-    if (auto failure = writeZip(zip, folder, names)) {
-      return failure;
-    }
-    return syncTree(zip);
-  }
-
-  Failure publish() {
-    return publishSnapshot(request.compress ? zip : folder, paths.snapshots, start,
-                           snapshotSuffix(request), published);
+    writer->end();
   }
 
   const DevicePaths& paths;
-  const std::string folder;
-  const std::string zip;
+  const Limits& limits;
   const CollectionRequest& request;
-  timeval start{};
-  std::string coreDump;  // its name; empty without one
-  std::vector<LogFile> copied;
-  std::vector<std::string> vanished;
-  Snapshot published;
+  const Progress progress;
+  SnapshotStore store;  // removes what is staged, so it must go after `writer`
+  std::optional<DumpIndication> indication;
+  const timeval start;
+  Report report;
+  const std::unique_ptr<SnapshotWriter> writer;
+  std::vector<char> buffer = std::vector<char>(std::size_t{1} << 18);
+  bool outOfTime = false;
+  Failure outOfRoom;                                                  // what lacked
+  std::uint64_t tooMuch = std::numeric_limits<std::uint64_t>::max();  // bytes that it lacked for
 };
 
 }  // namespace
 
-CollectionOutcome failedCollection(const std::string& text) {
-  return {{kst::kResultCollectionFailed, printable(text)}, ""};
+CollectionOutcome failedCollection(std::int32_t status, const std::string& text) {
+  return {.result = {status, printable(text)}, .timestamp = {}, .path = {}};
 }
 
-Collector::Collector(const DevicePaths& devicePaths, const std::string& stagingFolder,
-                     SnapshotLimits snapshotLimits)
-    : paths(devicePaths), staging(stagingFolder), limits(snapshotLimits) {}
+Collector::Collector(const DevicePaths& devicePaths, const Limits& collectionLimits)
+    : paths(devicePaths), limits(collectionLimits) {}
 
-CollectionOutcome Collector::collect(const CollectionRequest& request) const {
-  if (const Failure failure = clearStaging()) {
-    return failedCollection(*failure);
+CollectionOutcome Collector::collect(const CollectionRequest& request,
+                                     const std::function<bool()>& isCancelled) const {
+  try {
+    return Collection(paths, limits, request, isCancelled).run();
+  } catch (const CollectionError& error) {
+    return failedCollection(error.status, error.what());
+  } catch (const std::exception& error) {
+    return failedCollection(kst::kResultCollectionFailed, error.what());
   }
-  // Before the new snapshot stands there, so that no age limit can reach it.
-  const bool pruned = kst::support::pruneDirectory(paths.snapshots, limits.maximumAge);
-
-  Collection collection(paths, staging, request);
-  const Failure failure = collection.run();
-  const Failure notCleared = clearStaging();
-  if (failure) {
-    return failedCollection(*failure);
-  }
-
-  // The logs are safe: what goes wrong with older ones is worth a word, but no failure.
-  Failure remark = removeOldSnapshots(paths.snapshots, limits.number, collection.snapshot().path);
-  if (!pruned) {
-    remark = "old snapshots in " + paths.snapshots + " could not be removed";
-  }
-  if (!remark) {
-    remark = notCleared;
-  }
-  return {{0, printable(remark.value_or(""))}, collection.snapshot().timestamp};
 }
 
-Failure Collector::clearStaging() const {
-  if (!kst::support::pruneDirectory(staging, 0)) {
-    return callFailed("clear", staging);
+Failure Collector::clearRemains() const {
+  try {
+    const SnapshotStore store(paths.staging, paths.snapshots, limits, [] { return false; });
+    DumpIndication::clear(paths.dumpIndication);
+  } catch (const CollectionError& error) {
+    return error.status == kst::kResultTimeOver ? Failure() : error.what();
   }
   return {};
 }

@@ -2,22 +2,28 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <optional>
+#include <functional>
 #include <set>
-#include <vector>
+#include <string>
+#include <utility>
 
+#include "collection/CollectionError.h"
+#include "collection/Failure.h"
+#include "platform/message/CommandResult.h"
 #include "support/Descriptor.h"
+#include "support/DirectoryStream.h"
 #include "support/FileOperations.h"
+#include "support/TreeRemoval.h"
+#include "trace/Trace.h"
 
 namespace collection {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kLookInterval{20};
 
@@ -46,6 +52,12 @@ class ControlPipe {
     return kst::support::writeFully(end.get(), line.data(), line.size());
   }
 
+  /// Whether a request that vexild has not read yet stands in the FIFO.
+  [[nodiscard]] bool isBusy() const {
+    int unread = 0;
+    return ioctl(end.get(), FIONREAD, &unread) == 0 && unread > 0;
+  }
+
   /// Waits for `time`; true as soon as vexild has ended.
   [[nodiscard]] bool readerEnds(std::chrono::milliseconds time) const {
     pollfd event{.fd = end.get(), .events = 0, .revents = 0};
@@ -63,48 +75,107 @@ std::string requestLine(const CollectionRequest& request) {
   return line + "\n";
 }
 
-std::set<std::string> finishedDumps(const std::string& folder) {
-  std::vector<std::string> names;
-  kst::support::listDirectory(folder, names);
-  std::erase_if(names, [](const std::string& name) { return name.starts_with('.'); });
-  return {names.begin(), names.end()};
+[[noreturn]] void giveUp(const std::string& text) {
+  throw CollectionError(kst::kResultNoCoreDump, text);
 }
 
-std::optional<std::string> newDump(const std::string& folder, const std::set<std::string>& before) {
-  for (const std::string& name : finishedDumps(folder)) {
-    if (!before.contains(name)) {
-      return name;
+/// The dumps of a folder whose owner is not trusted. It may be made, or made anew, only when a dump
+/// is, as may the folder above it.
+class DumpFolder {
+ public:
+  explicit DumpFolder(const DevicePaths& devicePaths) : paths(devicePaths) {
+    lookFor([this](int, uid_t, const std::string& name) { known.insert(name); });
+  }
+
+  /// Opens a finished dump that was not there when this was made; without a file if there is none.
+  OpenLog openNew(Report& report) {
+    OpenLog found;
+    lookFor([&](int folder, uid_t owner, const std::string& name) {
+      if (found.file || known.contains(name)) {
+        return;
+      }
+      OpenLog dump = openLog(folder, name, owner);
+      if (!dump.file && dump.record.fate == Fate::kVanished) {
+        return;
+      }
+      dump.record.name = kst::support::childPath(kst::trace::kCoreDump, name);
+      if (dump.file) {
+        found = std::move(dump);
+      } else {
+        known.insert(name);
+        report.add(std::move(dump.record));
+      }
+    });
+    return found;
+  }
+
+ private:
+  using Visit = std::function<void(int folder, uid_t owner, const std::string& name)>;
+
+  void lookFor(const Visit& met) {
+    constexpr std::size_t kMostDumps = 10'000;
+    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const kst::support::Descriptor above(kst::support::openPath(paths.scratch, kFlags | O_PATH, 0));
+    kst::support::DirectoryStream names;
+    if (above) {
+      names = kst::support::openDirectory(above.get(), kst::trace::kCoreDump);
+    }
+    struct stat status {};
+    if (!names.isOpen() || fstat(names.descriptor(), &status) != 0) {
+      return errno == ENOENT ? void() : giveUp(callFailed("open", paths.coreDumps));
+    }
+    while (const dirent* entry = names.next()) {
+      // With a leading "." it is not finished.
+      if (entry->d_name[0] != '.') {
+        met(names.descriptor(), status.st_uid, entry->d_name);
+      }
+      if (known.size() > kMostDumps) {
+        giveUp(paths.coreDumps + " holds too much");
+      }
     }
   }
-  return {};
-}
+
+  const DevicePaths& paths;
+  std::set<std::string> known;
+};
 
 }  // namespace
 
-Failure takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
-                     std::chrono::milliseconds limit, std::string& name) {
-  const std::set<std::string> before = finishedDumps(paths.coreDumps);
+OpenLog takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
+                     std::chrono::milliseconds limit, const Progress& progress, Report& report) {
   ControlPipe control;
-  if (auto failure = control.open(paths.basebandControl)) {
-    return failure;
+  if (const auto failure = control.open(paths.basebandControl)) {
+    giveUp(*failure);
   }
+  const Progress::Clock::time_point deadline = progress.deadline(limit);
+  const auto vexildEnds = [&] {
+    progress.check();
+    if (Progress::Clock::now() >= deadline) {
+      giveUp("vexild has written no core dump to " + paths.coreDumps + " in time");
+    }
+    return control.readerEnds(kLookInterval);
+  };
+  const std::string ended = "vexild ended before it had written a core dump to " + paths.coreDumps;
+  // The dump of a request that was given up is not the one that this request asks for.
+  while (control.isBusy()) {
+    if (vexildEnds()) {
+      giveUp(ended);
+    }
+  }
+  DumpFolder dumps(paths);
   if (!control.write(requestLine(request))) {
-    return callFailed("write", paths.basebandControl);
+    giveUp(callFailed("write", paths.basebandControl));
   }
-
-  const Clock::time_point deadline = Clock::now() + limit;
-  while (Clock::now() < deadline) {
-    const bool ended = control.readerEnds(kLookInterval);
-    if (const auto dump = newDump(paths.coreDumps, before)) {
-      name = *dump;
-      return {};
+  for (;;) {
+    const bool isLast = vexildEnds();
+    OpenLog dump = dumps.openNew(report);
+    if (dump.file) {
+      return dump;
     }
-    if (ended) {
-      return "vexild ended before it had written a core dump to " + paths.coreDumps;
+    if (isLast) {
+      giveUp(ended);
     }
   }
-  return "vexild has written no core dump to " + paths.coreDumps + " within " +
-         std::to_string(limit.count()) + " ms";
 }
 
 }  // namespace collection

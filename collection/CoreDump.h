@@ -1,18 +1,18 @@
 #pragma once
 
-#include <chrono>
-#include <string>
-
 #include "collection/CollectionRequest.h"
 #include "collection/DevicePaths.h"
-#include "collection/Failure.h"
+#include "collection/Progress.h"
+#include "collection/Report.h"
+#include "collection/SourceWalk.h"
 
 namespace collection {
 
-/// Has vexild write a core dump and waits for it, at most for `limit`. `name` becomes the name of
-/// the finished dump in `paths.coreDumps`. A vexild that does not run, or ends before the dump is
-/// finished, is noticed at once.
-Failure takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
-                     std::chrono::milliseconds limit, std::string& name);
+/// Has vexild write a core dump, waits for it, at most for `limit`, and opens it; its record is
+/// named as in the snapshot. A vexild that does not run, or ends before the dump is finished, is
+/// noticed at once. What is put among the dumps meanwhile and is no regular file goes to `report`.
+/// Throws CollectionError (kResultNoCoreDump, or as `progress.check` does).
+OpenLog takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
+                     std::chrono::milliseconds limit, const Progress& progress, Report& report);
 
 }  // namespace collection

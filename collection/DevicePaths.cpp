@@ -10,13 +10,12 @@ using kst::support::withoutTrailingSlashes;
 
 DevicePaths::DevicePaths(const std::string& root) {
   const std::string base = root == "/" ? "" : withoutTrailingSlashes(root);
-  const std::string scratch = base + kst::trace::kScratchFolder;
-  telephonyLogs = scratch + kst::trace::kTEL;
-  basebandLogs = scratch + diag::config::kDIAGScratchDir;
-  coreDumps = scratch + kst::trace::kCoreDump;
+  scratch = withoutTrailingSlashes(base + kst::trace::kScratchFolder);
+  telephonyLogs = scratch + "/" + kst::trace::kTEL;
+  basebandLogs = scratch + "/" + diag::config::kDIAGScratchDir;
+  coreDumps = scratch + "/" + kst::trace::kCoreDump;
   snapshots = withoutTrailingSlashes(base + kst::trace::kSnapshotFolder);
-  managerStaging = withoutTrailingSlashes(base + kst::trace::kUncompressedFolder);
-  helperStaging = base + kst::trace::kWorkspaceFolder + "helper";
+  staging = withoutTrailingSlashes(base + kst::trace::kUncompressedFolder);
   dumpIndication = base + kst::trace::kDumpIndicationFilePath;
   basebandControl = base + "/run/vexild.control";
 }

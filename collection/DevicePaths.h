@@ -9,12 +9,12 @@ namespace collection {
 struct DevicePaths {
   explicit DevicePaths(const std::string& root);
 
+  std::string scratch;          ///< folder of the three below
   std::string telephonyLogs;    ///< written by Corvend
   std::string basebandLogs;     ///< written by vexild
   std::string coreDumps;        ///< written by vexild, names with a leading "." are unfinished
   std::string snapshots;        ///< finished collections
-  std::string managerStaging;   ///< collections that the manager is making
-  std::string helperStaging;    ///< collections that the helper is making
+  std::string staging;          ///< the collection that one of the services is making
   std::string dumpIndication;   ///< this file exists while the manager collects
   std::string basebandControl;  ///< the FIFO on which vexild takes requests for a core dump
 };

@@ -3,29 +3,82 @@
 #include <sys/time.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "collection/Failure.h"
+#include "collection/Limits.h"
+#include "support/Descriptor.h"
 
 namespace collection {
 
-struct Snapshot {
-  std::string timestamp;
-  std::string path;
+/// A snapshot's name: kLogDirPrefix, its local time to the millisecond, and a suffix that tells
+/// its kind. Nothing else in the folder of snapshots is ever counted or removed.
+struct SnapshotName {
+  std::string timestamp;  ///< "2026-11-16-13-35-08-123"
+  std::string suffix;     ///< "-telephony.zip"
+
+  /// The parts of a name; nothing if it is none of a snapshot.
+  static std::optional<SnapshotName> read(const std::string& name);
+
+  [[nodiscard]] std::string text() const;
+
+  friend bool operator==(const SnapshotName&, const SnapshotName&) = default;
 };
 
-/// Moves the finished file or folder `staged` into `folder`, on the same file system, under the
-/// name kLogDirPrefix + timestamp + `suffix`, and makes the move safe against a power failure. The
-/// timestamp is that of `start` or the first millisecond behind it under which `folder` holds no
-/// snapshot of any kind. On failure nothing stands under a final name.
-Failure publishSnapshot(const std::string& staged, const std::string& folder, timeval start,
-                        const std::string& suffix, Snapshot& published);
+/// The staging folder, in which one collection at a time makes its snapshot, and the folder of
+/// finished snapshots on the same file system. Operations throw CollectionError unless they say
+/// otherwise.
+class SnapshotStore {
+ public:
+  /// Opens both folders and waits until no other process has this staging folder; `mayWait` is
+  /// asked again and again, and sleeps. Throws kResultTimeOver when it gives false. What an earlier
+  /// collection has left is removed.
+  SnapshotStore(const std::string& stagingPath, const std::string& snapshotsPath,
+                const Limits& storeLimits, const std::function<bool()>& mayWait);
+  SnapshotStore(const SnapshotStore&) = delete;
+  SnapshotStore& operator=(const SnapshotStore&) = delete;
 
-/// Removes the oldest snapshots of `folder` until at most `limit` are left, the one at `newest`
-/// included, which is never removed. Entries that are no snapshots do not count.
-Failure removeOldSnapshots(const std::string& folder, std::size_t limit, const std::string& newest);
+  /// Removes what was staged and not published.
+  ~SnapshotStore();
 
-/// Writes `path`, a file or a folder with all that is below it, out to the disk.
-Failure syncTree(const std::string& path);
+  /// For a new snapshot: a folder or a file that is still to be made.
+  [[nodiscard]] int stagingFolder() const { return staging.get(); }
+  static const char* stagedName(bool isFile);
+
+  /// Sees that the new snapshot, which takes so many bytes of the disk so far, may take `more`:
+  /// removes old snapshots for that where it must and where it helps, the oldest ones first, but
+  /// not the newest few. What lacks if it may not.
+  Failure makeRoom(std::uint64_t taken, std::uint64_t more);
+
+  /// Moves the staged snapshot to its final name, which nothing has yet, and makes the move safe
+  /// against a power failure. The name's timestamp is that of `start`, or of the first millisecond
+  /// behind it under which there is no snapshot of any kind.
+  SnapshotName publish(bool isFile, const timeval& start, const std::string& suffix);
+
+  /// Removes old snapshots, the oldest ones first, until the others are within the limits; never
+  /// `newest`, nor the newest few. Does not throw.
+  [[nodiscard]] Failure removeOld(const SnapshotName& newest) const;
+
+  /// The bytes that snapshots take on the disk.
+  [[nodiscard]] std::uint64_t sizeOf(const std::vector<SnapshotName>& counted) const;
+
+ private:
+  void clearStaging() const;
+  [[nodiscard]] Failure makeRoomOnDisk(std::uint64_t bytes) const;
+  [[nodiscard]] std::vector<SnapshotName> names() const;
+  [[nodiscard]] Failure remove(const SnapshotName& name) const;
+  [[nodiscard]] std::uint64_t freeRoom() const;
+  [[nodiscard]] SnapshotName freeName(const timeval& start, const std::string& suffix) const;
+
+  const Limits& limits;
+  const std::string snapshotsName;
+  kst::support::Descriptor staging;
+  kst::support::Descriptor snapshots;
+  std::uint64_t allowance = 0;  // up to which the new snapshot has room, as far as was looked
+};
 
 }  // namespace collection

@@ -2,84 +2,52 @@
 
 #include <iostream>
 #include <memory>
-#include <string>
 #include <utility>
 
-#include "collection/DumpIndication.h"
 #include "platform/client/Constants.h"
 #include "platform/client/TraceProperty.h"
 #include "services/CollectingService.h"
 #include "services/ServiceOptions.h"
-#include "support/FileOperations.h"
 
 namespace {
 
-class Manager {
- public:
-  explicit Manager(const services::ServiceOptions& options)
-      : paths(options.root),
-        collector(paths, paths.managerStaging, options.limits),
-        service("kestrane", dbus::kManager) {}
+using Call = std::shared_ptr<dbus::PerformCall>;
 
-  int run() {
-    return service.run(
-        [this] { return clearRemains(); },
-        [this](std::shared_ptr<dbus::PerformCall> call) { perform(std::move(call)); });
+void collect(services::CollectingService& service, const Call& call) {
+  const auto request = collection::readCollectionRequest(call->command.request);
+  if (!request) {
+    call->answer({kst::kResultInvalidRequest, "missing or unknown action, or a wrong type"});
+    return;
   }
+  service.collect({.request = *request,
+                   .requester = services::requesterOf(*call),
+                   .isAbandoned = [call] { return call->callerHasLeft(); },
+                   .done =
+                       [call](const auto& outcome) {
+                         services::answerWith(outcome, kst::kKeyTimestampString, *call);
+                       }});
+}
 
- private:
-  [[nodiscard]] collection::Failure clearRemains() const {
-    kst::support::removeFile(paths.dumpIndication);
-    return collector.clearStaging();
+void perform(services::CollectingService& service, const Call& call) {
+  if (call->command.name == kst::kCommandGetTraceProperty) {
+    call->answer({}, kst::answerTraceProperty(call->command.request));
+  } else if (call->command.name == kst::kCommandTraceDumpState) {
+    collect(service, call);
+  } else {
+    call->answer({kst::kResultUnknownCommand, "unknown command"});
   }
-
-  void perform(std::shared_ptr<dbus::PerformCall> call) {
-    if (call->command.name == kst::kCommandGetTraceProperty) {
-      call->answer({}, kst::answerTraceProperty(call->command.request));
-    } else if (call->command.name == kst::kCommandTraceDumpState) {
-      submitDump(std::move(call));
-    } else {
-      call->answer({kst::kResultUnknownCommand, "unknown command"});
-    }
-  }
-
-  void submitDump(std::shared_ptr<dbus::PerformCall> call) {
-    const auto request = collection::readCollectionRequest(call->command.request);
-    if (!request) {
-      call->answer({kst::kResultInvalidRequest, "missing or unknown action"});
-      return;
-    }
-    service.submit([this, call = std::move(call), request = *request] {
-      const collection::CollectionOutcome outcome = dump(request);
-      MessageDict reply;
-      if (!outcome.timestamp.empty()) {
-        reply.set(kst::kKeyTimestampString, outcome.timestamp);
-      }
-      call->answer(outcome.result, reply);
-    });
-  }
-
-  [[nodiscard]] collection::CollectionOutcome dump(
-      const collection::CollectionRequest& request) const {
-    const collection::DumpIndication indication(paths.dumpIndication);
-    if (auto failure = indication.raise()) {
-      return collection::failedCollection(*failure);
-    }
-    return collector.collect(request);
-  }
-
-  const collection::DevicePaths paths;
-  const collection::Collector collector;
-  services::CollectingService service;
-};
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const auto options = services::readServiceOptions(argc, argv);
   if (!options) {
-    std::cerr << "usage: kestrane [--root DIR] [--keep N] [--max-age SECONDS]" << std::endl;
+    std::cerr << "usage: kestrane [--root DIR]" << std::endl;
     return 2;
   }
-  return Manager(*options).run();
+  services::CollectingService service("kestrane", dbus::kManager,
+                                      collection::DevicePaths(options->root),
+                                      collection::readLimits(std::cerr));
+  return service.run([&service](const Call& call) { perform(service, call); });
 }

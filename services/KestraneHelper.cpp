@@ -6,7 +6,6 @@
 #include <iostream>
 #include <memory>
 #include <optional>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -23,24 +22,18 @@ constexpr std::chrono::minutes kUnclaimedLifetime{1};
 using Call = std::shared_ptr<dbus::PerformCall>;
 
 void answerWith(const collection::CollectionOutcome& outcome, const Call& call) {
-  MessageDict reply;
-  if (!outcome.timestamp.empty()) {
-    reply.set(kst::helper::kKeyTimestampString, outcome.timestamp);
-  }
-  call->answer(outcome.result, reply);
+  services::answerWith(outcome, kst::helper::kKeyTimestampString, *call);
 }
 
-/// All members but the collector belong to the main thread.
+/// Belongs to the main thread.
 class Helper {
  public:
-  explicit Helper(const services::ServiceOptions& options)
-      : paths(options.root),
-        collector(paths, paths.helperStaging, options.limits),
-        service("kestrane-helper", dbus::kHelper) {}
+  Helper(const services::ServiceOptions& options, const collection::Limits& collectionLimits)
+      : limits(collectionLimits),
+        service("kestrane-helper", dbus::kHelper, collection::DevicePaths(options.root), limits) {}
 
   int run() {
-    return service.run([this] { return collector.clearStaging(); },
-                       [this](Call call) { perform(std::move(call)); });
+    return service.run([this](Call call) { perform(std::move(call)); });
   }
 
  private:
@@ -49,30 +42,54 @@ class Helper {
     if (command.task != static_cast<std::int32_t>(kst::helper::TaskID::kSyscollect) ||
         command.name != kst::helper::kCommandSyscollectStatus) {
       call->answer({kst::kResultUnknownCommand, "unknown command"});
+    } else if (!hasTimeout(command.request)) {
+      call->answer({kst::kResultInvalidRequest, "the timeout is no number"});
     } else if (unclaimed) {
       answerWith(*std::exchange(unclaimed, std::nullopt), call);
     } else {
-      if (!collecting) {
-        startCollection();
-      }
       await(std::move(call));
     }
   }
 
-  void startCollection() {
-    collecting = true;
-    service.submit([this] {
-      collection::CollectionRequest request;
-      request.kind = collection::LogKind::kBaseband;
-      request.compress = false;
-      request.reason = "System diagnostic collection";
-      service.post([this, outcome = collector.collect(request)] { finish(outcome); });
-    });
+  static bool hasTimeout(const MessageDict& request) {
+    const MessageValue* timeout = request.find(kst::helper::kKeyTimeout);
+    return timeout == nullptr || timeout->integer() != nullptr;
+  }
+
+  /// Lets the call wait for the collection for as long as it wants to.
+  void await(Call call) {
+    std::erase_if(waiting, [](const Call& other) { return other->callerHasLeft(); });
+    if (waiting.size() > limits.maxWaiting) {
+      call->answer({kst::kResultBusy, "too many requests are waiting"});
+      return;
+    }
+    const std::int64_t timeout = std::clamp<std::int64_t>(
+        call->command.request.integer(kst::helper::kKeyTimeout, kDefaultTimeout), 0,
+        kLongestTimeout);
+    service.after(std::chrono::milliseconds(timeout),
+                  [this, late = std::weak_ptr(call)] { giveUp(late.lock()); });
+    waiting.push_back(call);
+    if (!std::exchange(collecting, true)) {
+      startCollection(*call);
+    }
+  }
+
+  /// Goes on when those who have asked have given up: the tool asks for a short time only.
+  void startCollection(const dbus::PerformCall& call) {
+    collection::CollectionRequest request;
+    request.kind = collection::LogKind::kBaseband;
+    request.compress = false;
+    request.reason = "System diagnostic collection";
+    service.collect({.request = request,
+                     .requester = services::requesterOf(call),
+                     .isAbandoned = [] { return false; },
+                     .done = [this](const auto& outcome) { finish(outcome); }});
   }
 
   void finish(const collection::CollectionOutcome& outcome) {
     collecting = false;
-    if (waiting.empty()) {
+    std::erase_if(waiting, [](const Call& call) { return call->callerHasLeft(); });
+    if (waiting.empty() && outcome.result.status == 0) {
       keepForNextCall(outcome);
     }
     for (const Call& call : std::exchange(waiting, {})) {
@@ -90,16 +107,6 @@ class Helper {
     });
   }
 
-  /// Lets the call wait for the collection for as long as it wants to.
-  void await(Call call) {
-    const std::int64_t timeout = std::clamp<std::int64_t>(
-        call->command.request.integer(kst::helper::kKeyTimeout, kDefaultTimeout), 0,
-        kLongestTimeout);
-    service.after(std::chrono::milliseconds(timeout),
-                  [this, late = std::weak_ptr(call)] { giveUp(late.lock()); });
-    waiting.push_back(std::move(call));
-  }
-
   void giveUp(const Call& call) {
     if (std::erase(waiting, call) == 0) {
       return;
@@ -107,12 +114,11 @@ class Helper {
     call->answer({kst::kResultStillCollecting, "the collection goes on"});
   }
 
-  const collection::DevicePaths paths;
-  const collection::Collector collector;
+  const collection::Limits limits;
+  services::CollectingService service;
   bool collecting = false;
   std::vector<Call> waiting;
   std::optional<collection::CollectionOutcome> unclaimed;  // finished when nobody waited any more
-  services::CollectingService service;
 };
 
 }  // namespace
@@ -120,8 +126,8 @@ class Helper {
 int main(int argc, char** argv) {
   const auto options = services::readServiceOptions(argc, argv);
   if (!options) {
-    std::cerr << "usage: kestrane-helper [--root DIR] [--keep N] [--max-age SECONDS]" << std::endl;
+    std::cerr << "usage: kestrane-helper [--root DIR]" << std::endl;
     return 2;
   }
-  return Helper(*options).run();
+  return Helper(*options, collection::readLimits(std::cerr)).run();
 }

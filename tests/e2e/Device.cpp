@@ -9,28 +9,24 @@
 
 namespace {
 
-std::vector<std::string> simulatorCommand(const std::vector<std::string>& absent) {
-  std::vector<std::string> command = {"kst-simulator"};
+Words simulatorCommand(const Words& absent) {
+  Words command = {"kst-simulator"};
   for (const std::string& part : absent) {
     command.insert(command.end(), {"--absent", part});
   }
   // Tells the environment, then lives until its input ends.
-  command.insert(command.end(), {"--", "sh", "-c", "env; echo ready; read -r end"});
-  return command;
+  return joined(command, {"--", "sh", "-c", "env; echo ready; read -r end"});
 }
 
 }  // namespace
 
-Device::Device(const std::vector<std::string>& absent,
-               const std::map<std::string, std::string>& settings)
+Device::Device(const Words& absent, const Variables& settings)
     : simulator(simulatorCommand(absent)) {
   std::istringstream lines(simulator.readUntil("\nready\n"));
   for (std::string line; std::getline(lines, line);) {
-    for (const std::string name :
-         {"DBUS_SYSTEM_BUS_ADDRESS", "KESTRANE_DEVICE_CONF", "KESTRANE_ROOT", "PATH"}) {
-      if (line.starts_with(name + "=")) {
-        environment[name] = line.substr(name.size() + 1);
-      }
+    const std::size_t end = line.find('=');
+    if (end != std::string::npos) {
+      environment[line.substr(0, end)] = line.substr(end + 1);
     }
   }
   // The last value of a key counts, and every question reads the file anew.
@@ -40,19 +36,15 @@ Device::Device(const std::vector<std::string>& absent,
   }
 }
 
-Finished Device::ksttool(const std::vector<std::string>& words, const std::string& input) const {
-  std::vector<std::string> command = {"ksttool"};
-  command.insert(command.end(), words.begin(), words.end());
-  return runProgram(command, environment, input);
+Finished Device::ksttool(const Words& words, const std::string& input) const {
+  return runProgram(joined({"ksttool"}, words), environment, input);
 }
 
-pid_t Device::processOf(const std::string& program) const { return simulator.child(program); }
-
 void Device::kill(const std::string& program) const {
-  const pid_t process = processOf(program);
+  const pid_t process = simulator.child(program);
   ASSERT_GT(process, 0) << program;
   ::kill(process, SIGKILL);
-  while (processOf(program) == process) {
+  while (simulator.child(program) == process) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
 }

@@ -1,9 +1,7 @@
 #pragma once
 
 #include <filesystem>
-#include <map>
 #include <string>
-#include <vector>
 
 #include "tests/e2e/Program.h"
 
@@ -12,14 +10,10 @@ class Device {
  public:
   /// Starts a device without the parts `absent`, with `settings` (key and value) on top of the
   /// simulator's device.conf.
-  explicit Device(const std::vector<std::string>& absent = {},
-                  const std::map<std::string, std::string>& settings = {});
+  explicit Device(const Words& absent = {}, const Variables& settings = {});
 
   /// Runs ksttool on the device.
-  Finished ksttool(const std::vector<std::string>& words, const std::string& input = "") const;
-
-  /// The process of a part; -1 when it does not run.
-  [[nodiscard]] pid_t processOf(const std::string& program) const;
+  Finished ksttool(const Words& words, const std::string& input = "") const;
 
   /// Kills a part and waits until it is gone.
   void kill(const std::string& program) const;
@@ -27,7 +21,7 @@ class Device {
   /// The path that a printed line "Path = ..." names, below the device root.
   [[nodiscard]] std::filesystem::path below(const std::string& path) const;
 
-  std::map<std::string, std::string> environment;  ///< of programs on the device
+  Variables environment;  ///< of programs on the device
 
  private:
   Program simulator;

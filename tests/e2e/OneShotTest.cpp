@@ -1,11 +1,11 @@
+#include <glob.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
 
 #include "tests/e2e/Device.h"
+#include "tests/e2e/Files.h"
 #include "trace/Trace.h"
 
 namespace {
@@ -28,11 +28,6 @@ const std::string kRefusal = "Server is not running. Please try after server sta
 
 std::string unknown(const std::string& word) {
   return "\nInvalid command option '\033[31m" + word + "\033[39m'";
-}
-
-std::string contentsOf(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 TEST(OneShotTest, WordsDecideOutputAndStatus) {
@@ -67,21 +62,13 @@ TEST(OneShotTest, WordsDecideOutputAndStatus) {
 }
 
 /// The one entry that a printed path names, which may end in "*".
-fs::path entryOf(const Device& device, const std::string& printed) {
-  fs::path pattern = device.below(printed);
-  if (!printed.ends_with("*")) {
-    return pattern;
-  }
-  const std::string prefix =
-      pattern.filename().string().substr(0, pattern.filename().string().size() - 1);
-  fs::path found;
-  for (const fs::directory_entry& entry : fs::directory_iterator(pattern.parent_path())) {
-    if (entry.path().filename().string().starts_with(prefix)) {
-      EXPECT_TRUE(found.empty()) << found << entry.path();
-      found = entry.path();
-    }
-  }
-  return found;
+std::string entryOf(const Device& device, const std::string& printed) {
+  glob_t found{};
+  EXPECT_EQ(glob(device.below(printed).c_str(), 0, nullptr, &found), 0) << printed;
+  EXPECT_EQ(found.gl_pathc, 1U);
+  std::string entry = found.gl_pathc > 0 ? found.gl_pathv[0] : "";
+  globfree(&found);
+  return entry;
 }
 
 TEST(OneShotTest, CollectionsWriteWhatTheyPrint) {
@@ -105,47 +92,59 @@ TEST(OneShotTest, CollectionsWriteWhatTheyPrint) {
   const Device device;
   for (const Case& test : cases) {
     SCOPED_TRACE(testing::PrintToString(test.words));
-    std::vector<std::string> words = {"logdump"};
-    words.insert(words.end(), test.words.begin(), test.words.end());
-    const Finished run = device.ksttool(words);
+    const Finished run = device.ksttool(joined({"logdump"}, test.words));
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.errors, "");
     std::smatch match;
     const std::regex expected(test.heading + "\nPath = (" + kst::trace::kSnapshotFolder +
                               kst::trace::kLogDirPrefix + "[-0-9]+" + test.suffix + ")\n");
     ASSERT_TRUE(std::regex_match(run.output, match, expected)) << run.output;
-    const fs::path entry = entryOf(device, match[1]);
+    const std::string entry = entryOf(device, match[1]);
     if (test.reason.empty()) {
-      EXPECT_EQ(contentsOf(entry).substr(0, 2), "PK");
+      EXPECT_EQ(readFile(entry).substr(0, 2), "PK");
     } else {
-      EXPECT_NE(contentsOf(entry.string() + kst::trace::kKSTInfoFilename).find(test.reason),
+      EXPECT_NE(readFile(entry + kst::trace::kKSTInfoFilename).find(test.reason),
                 std::string::npos);
     }
   }
 }
 
-TEST(OneShotTest, BasebandLogsWithoutTheManager) {
+TEST(OneShotTest, ProductAndPartsDecide) {
   const std::string success = "Baseband log collection: Success \\(KST not running\\)\nPath = ";
   const std::string snapshot =
       success + kst::trace::kSnapshotFolder + kst::trace::kLogDirPrefix + "[-0-9]+";
   const std::string scratch = success + kst::trace::kScratchFolder + "DIAG.scratch\n";
-  struct Case {
-    std::vector<std::string> absent;
-    std::map<std::string, std::string> settings;
+  const std::string noRadio = "'ksttool' is not supported on this product.\n";
+  const std::string noDaemon =
+      "Corvend process is not running. Please run/load Corvend \\(or vexild\\) and try again.\n";
+  const Words bb = {"logdump", "bb", "x"};
+  const Words nothing = {"--"};
+  const struct {
+    Words absent;
+    Variables settings;
+    Words words;
+    int status;
     std::string output;
+  } cases[] = {
+      {{"manager"}, {}, bb, 0, snapshot + "-bb-trace\n"},
+      {{"manager"}, {{"radio_vendor", "2"}}, bb, 0, snapshot + "-diag\n"},
+      {{"manager"}, {{"internal_build", "false"}}, bb, 0, scratch},
+      {{"manager", "helper"}, {}, bb, 0, scratch},
+      {{"manager"},
+       {{"trace.BasebandTrace.Enabled", "True"}},
+       bb,
+       0,
+       "Baseband logs are not enabled\n"},
+      {{}, {{"radio", "broken"}}, nothing, 255, noRadio},
+      {{"corvend", "vexild"}, {}, nothing, 255, noDaemon},
+      {{"corvend", "vexild"}, {{"product", "61"}}, nothing, 0, ""},
+      {{"corvend"}, {}, nothing, 0, ""},
   };
-  const Case cases[] = {
-      {{"manager"}, {}, snapshot + "-bb-trace\n"},
-      {{"manager"}, {{"radio_vendor", "2"}}, snapshot + "-diag\n"},
-      {{"manager"}, {{"internal_build", "false"}}, scratch},
-      {{"manager", "helper"}, {}, scratch},
-      {{"manager"}, {{"trace.BasebandTrace.Enabled", "True"}}, "Baseband logs are not enabled\n"},
-  };
-  for (const Case& test : cases) {
-    SCOPED_TRACE(test.output);
+  for (const auto& test : cases) {
+    SCOPED_TRACE(testing::PrintToString(test.absent) + testing::PrintToString(test.settings));
     const Device device(test.absent, test.settings);
-    const Finished run = device.ksttool({"logdump", "bb", "x"});
-    EXPECT_EQ(run.status, 0);
+    const Finished run = device.ksttool(test.words);
+    EXPECT_EQ(run.status, test.status);
     EXPECT_EQ(run.errors, "");
     ASSERT_TRUE(std::regex_match(run.output, std::regex(test.output))) << run.output;
     const std::size_t path = run.output.find("Path = ");
@@ -153,34 +152,6 @@ TEST(OneShotTest, BasebandLogsWithoutTheManager) {
       const std::string printed = run.output.substr(path + 7, run.output.size() - path - 8);
       EXPECT_TRUE(fs::is_directory(device.below(printed))) << printed;
     }
-  }
-}
-
-TEST(OneShotTest, StartUpChecks) {
-  const std::string noRadio = "'ksttool' is not supported on this product.\n";
-  const std::string noDaemon =
-      "Corvend process is not running. Please run/load Corvend (or vexild) and try again.\n";
-  struct Case {
-    std::vector<std::string> absent;
-    std::map<std::string, std::string> settings;
-    int status;
-    std::string output;
-  };
-  const Case cases[] = {
-      {{}, {{"radio", "0"}}, 255, noRadio},
-      {{}, {{"radio", "broken"}}, 255, noRadio},
-      {{"corvend", "vexild"}, {}, 255, noDaemon},
-      {{"corvend", "vexild"}, {{"product", "57"}}, 255, noDaemon},
-      {{"corvend", "vexild"}, {{"product", "61"}}, 0, ""},
-      {{"corvend"}, {}, 0, ""},
-  };
-  for (const Case& test : cases) {
-    SCOPED_TRACE(testing::PrintToString(test.absent) + testing::PrintToString(test.settings));
-    const Device device(test.absent, test.settings);
-    const Finished run = device.ksttool({"--"});
-    EXPECT_EQ(run.status, test.status);
-    EXPECT_EQ(run.output, test.output);
-    EXPECT_EQ(run.errors, "");
   }
 }
 
@@ -199,17 +170,9 @@ TEST(OneShotTest, AThreadThatCannotBeMadeIsAnAssertion) {
 
 TEST(OneShotTest, ClosedStandardStreamsHarmNothing) {
   const Device device;
-  struct Case {
-    std::string redirection;
-    int status;
-  };
-  for (const Case& test :
-       {Case{"<&-", 0}, Case{">&-", 0}, Case{"2>&-", 0}, Case{"<&- >&- 2>&-", 0}}) {
-    SCOPED_TRACE(test.redirection);
-    EXPECT_EQ(runProgram({"sh", "-c", "exec ksttool logdump tel x " + test.redirection},
-                         device.environment)
-                  .status,
-              test.status);
+  for (const std::string redirection : {"<&-", ">&-", "2>&-", "<&- >&- 2>&-"}) {
+    const std::string script = "exec ksttool logdump tel x " + redirection;
+    EXPECT_EQ(runProgram({"sh", "-c", script}, device.environment).status, 0) << script;
   }
   EXPECT_EQ(runProgram({"sh", "-c", "exec ksttool <&-"}, device.environment).output,
             "(/ksttool)>> ");

@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdlib>
@@ -14,20 +16,11 @@
 #include <fstream>
 #include <stdexcept>
 
-namespace {
+#include "tests/e2e/Files.h"
 
-struct Pipe {
-  Pipe() {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-      throw std::runtime_error("no pipe");
-    }
-    read = ends[0];
-    write = ends[1];
-  }
-  int read;
-  int write;
-};
+using kst::support::Descriptor;
+
+namespace {
 
 std::string pathOf(const std::string& program) {
   const auto beside = std::filesystem::read_symlink("/proc/self/exe").parent_path() / program;
@@ -35,8 +28,8 @@ std::string pathOf(const std::string& program) {
 }
 
 /// In the child, between fork and exec.
-[[noreturn]] void become(const std::vector<std::string>& args,
-                         const std::map<std::string, std::string>& environment) {
+[[noreturn]] void become(const Words& args, const Variables& environment) {
+  signal(SIGPIPE, SIG_DFL);
   std::vector<char*> words;
   for (const std::string& arg : args) {
     words.push_back(const_cast<char*>(arg.c_str()));
@@ -51,41 +44,43 @@ std::string pathOf(const std::string& program) {
 
 }  // namespace
 
-Program::Program(const std::vector<std::string>& args,
-                 const std::map<std::string, std::string>& environment, Streams streams) {
+Words joined(Words first, const Words& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+Program::Program(const Words& args, const Variables& environment, Streams streams) {
   signal(SIGPIPE, SIG_IGN);
   if (streams == Streams::kTerminal) {
-    process = forkpty(&outputEnd, nullptr, nullptr, nullptr);
+    int terminal = -1;
+    process = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (process == 0) {
-      signal(SIGPIPE, SIG_DFL);
       become(args, environment);
     }
-    input = fcntl(outputEnd, F_DUPFD_CLOEXEC, 0);
+    input = Descriptor(fcntl(terminal, F_DUPFD_CLOEXEC, 0));
+    outputEnd = Descriptor(terminal);
     return;
   }
-  const Pipe in;
-  const Pipe out;
-  const Pipe err;
+  std::array<int, 2> in{};
+  std::array<int, 2> out{};
+  errorFile = Descriptor(memfd_create("errors", MFD_CLOEXEC));
+  if (pipe2(in.data(), O_CLOEXEC) != 0 || pipe2(out.data(), O_CLOEXEC) != 0 || !errorFile) {
+    throw std::runtime_error("no pipes");
+  }
+  const Descriptor theirInput(in[0]);
+  const Descriptor theirOutput(out[1]);
+  input = Descriptor(in[1]);
+  outputEnd = Descriptor(out[0]);
   process = fork();
   if (process == 0) {
-    signal(SIGPIPE, SIG_DFL);
-    dup2(in.read, STDIN_FILENO);
-    dup2(out.write, STDOUT_FILENO);
-    dup2(err.write, STDERR_FILENO);
+    dup2(in[0], STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    dup2(errorFile.get(), STDERR_FILENO);
     become(args, environment);
   }
-  close(in.read);
-  close(out.write);
-  close(err.write);
-  input = in.write;
-  outputEnd = out.read;
-  errorEnd = err.read;
 }
 
 Program::~Program() {
-  closeInput();
-  close(outputEnd);
-  close(errorEnd);
   if (process > 0) {
     kill(process, SIGKILL);
     waitpid(process, nullptr, 0);
@@ -94,7 +89,7 @@ Program::~Program() {
 
 void Program::write(const std::string& text) const {
   for (std::size_t done = 0; done < text.size();) {
-    const ssize_t n = ::write(input, text.data() + done, text.size() - done);
+    const ssize_t n = ::write(input.get(), text.data() + done, text.size() - done);
     if (n < 0) {
       return;  // the program has closed its end
     }
@@ -102,43 +97,24 @@ void Program::write(const std::string& text) const {
   }
 }
 
-void Program::closeInput() {
-  close(input);
-  input = -1;
-}
-
-/// Waits for something on either stream; false when both have ended.
+/// Waits for some output; false when it has ended.
 bool Program::readSome() {
-  if (outputEnd < 0 && errorEnd < 0) {
-    return false;
-  }
-  std::array<pollfd, 2> ends = {pollfd{outputEnd, POLLIN, 0}, pollfd{errorEnd, POLLIN, 0}};
-  if (poll(ends.data(), ends.size(), 30'000) <= 0) {
+  pollfd end{outputEnd.get(), POLLIN, 0};
+  if (poll(&end, 1, 30'000) <= 0) {
     ADD_FAILURE() << "nothing more within 30 s after: " << output;
     return false;
   }
   std::array<char, 65536> buffer;
-  for (pollfd& end : ends) {
-    if (end.revents == 0) {
-      continue;
-    }
-    const bool isOutput = end.fd == outputEnd;
-    const ssize_t n = read(end.fd, buffer.data(), buffer.size());
-    if (n > 0) {
-      (isOutput ? output : errors).append(buffer.data(), static_cast<std::size_t>(n));
-    } else {
-      close(end.fd);
-      (isOutput ? outputEnd : errorEnd) = -1;
-    }
-  }
-  return outputEnd >= 0 || errorEnd >= 0;
+  const ssize_t count = read(end.fd, buffer.data(), buffer.size());
+  output.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+  return count > 0;
 }
 
 std::string Program::readUntil(const std::string& text) {
   std::size_t found = output.find(text);
   while (found == std::string::npos) {
     if (!readSome()) {
-      ADD_FAILURE() << "no '" << text << "' in: " << output << errors;
+      ADD_FAILURE() << "no '" << text << "' in: " << output;
       return output;
     }
     found = output.find(text);
@@ -149,12 +125,13 @@ std::string Program::readUntil(const std::string& text) {
 }
 
 int Program::finish() {
-  closeInput();
+  input.close();
   while (readSome()) {
   }
   int status = 0;
   waitpid(process, &status, 0);
   process = -1;
+  errors = readFile("/proc/self/fd/" + std::to_string(errorFile.get()));
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -173,9 +150,7 @@ pid_t Program::child(const std::string& name) const {
   return -1;
 }
 
-Finished runProgram(const std::vector<std::string>& args,
-                    const std::map<std::string, std::string>& environment,
-                    const std::string& input) {
+Finished runProgram(const Words& args, const Variables& environment, const std::string& input) {
   Program program(args, environment);
   program.write(input);
   const int status = program.finish();

@@ -7,15 +7,22 @@
 #include <string>
 #include <vector>
 
-/// A running program, with pipes to its standard streams, or with one terminal for all of them.
+#include "support/Descriptor.h"
+
+using Words = std::vector<std::string>;
+using Variables = std::map<std::string, std::string>;
+
+/// `first` and, behind it, `second`.
+Words joined(Words first, const Words& second);
+
+/// A running program, with pipes to its input and output, or with one terminal for all its streams.
 class Program {
  public:
   enum class Streams { kPipes, kTerminal };
 
   /// Starts `args[0]`, looked for beside this test, or else in PATH, with `environment` on top of
   /// the test's own.
-  explicit Program(const std::vector<std::string>& args,
-                   const std::map<std::string, std::string>& environment = {},
+  explicit Program(const Words& args, const Variables& environment = {},
                    Streams streams = Streams::kPipes);
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
@@ -24,15 +31,14 @@ class Program {
   ~Program();
 
   void write(const std::string& text) const;
-  void closeInput();
 
   /// Reads standard output until `text` is in what has not been taken yet; takes and returns all up
   /// to its end. Fails the test, and returns what there is, when the output ends first or 30 s
   /// pass.
   std::string readUntil(const std::string& text);
 
-  /// Closes the input, reads both outputs to their end, and returns the exit status, or 128 and the
-  /// signal.
+  /// Closes the input, reads standard output to its end, and returns the exit status, or 128 and
+  /// the signal.
   int finish();
 
   [[nodiscard]] pid_t id() const { return process; }
@@ -41,15 +47,15 @@ class Program {
   [[nodiscard]] pid_t child(const std::string& name) const;
 
   std::string output;  ///< what has been read of standard output and not been taken
-  std::string errors;  ///< what has been read of standard error
+  std::string errors;  ///< standard error, once the program has finished
 
  private:
   bool readSome();
 
   pid_t process = -1;
-  int input = -1;
-  int outputEnd = -1;
-  int errorEnd = -1;
+  kst::support::Descriptor input;
+  kst::support::Descriptor outputEnd;
+  kst::support::Descriptor errorFile;  // a terminal has none
 };
 
 /// How a program ended that got `input` and then the end of it.
@@ -59,6 +65,5 @@ struct Finished {
   std::string errors;
 };
 
-Finished runProgram(const std::vector<std::string>& args,
-                    const std::map<std::string, std::string>& environment = {},
+Finished runProgram(const Words& args, const Variables& environment = {},
                     const std::string& input = "");

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -35,18 +37,27 @@ const struct {
   decltype(&::openat) openat = next<decltype(openat)>("openat64");
   decltype(&::unlinkat) unlinkat = next<decltype(unlinkat)>("unlinkat");
   decltype(&::mkdir) mkdir = next<decltype(mkdir)>("mkdir");
+  decltype(&::mkdirat) mkdirat = next<decltype(mkdirat)>("mkdirat");
+  decltype(&::renameat) renameat = next<decltype(renameat)>("renameat");
+  decltype(&::renameat2) renameat2 = next<decltype(renameat2)>("renameat2");
+  decltype(&::futimens) futimens = next<decltype(futimens)>("futimens");
+  decltype(&::flock) flock = next<decltype(flock)>("flock");
+  decltype(&::fsync) fsync = next<decltype(fsync)>("fsync");
+  decltype(&::syncfs) syncfs = next<decltype(syncfs)>("syncfs");
   decltype(&::fstat) fstat = next<decltype(fstat)>("fstat64");
   decltype(&::fstatat) fstatat = next<decltype(fstatat)>("fstatat64");
   decltype(&::fchmod) fchmod = next<decltype(fchmod)>("fchmod");
   decltype(&::fcntl) fcntl = next<decltype(fcntl)>("fcntl64");
   decltype(&::readdir) readdir = next<decltype(readdir)>("readdir64");
   decltype(&::statvfs) statvfs = next<decltype(statvfs)>("statvfs64");
+  decltype(&::fstatvfs) fstatvfs = next<decltype(fstatvfs)>("fstatvfs64");
   decltype(&::time) time = next<decltype(time)>("time");
 } real;
 
 bool fails(const char* function) {
+  const int present = errno;
   const int error = active != nullptr && active->before ? active->before(function) : 0;
-  errno = error != 0 ? error : errno;
+  errno = error != 0 ? error : present;
   return error != 0;
 }
 
@@ -62,6 +73,15 @@ SystemCalls::~SystemCalls() { active = nullptr; }
 void SystemCalls::fail(const std::string& function, int error, int number) {
   before = [=, calls = 0](const std::string& called) mutable {
     return called == function && (++calls == number || number == 0) ? error : 0;
+  };
+}
+
+void SystemCalls::at(const std::string& function, int number, const std::function<void()>& deed) {
+  before = [=, calls = 0](const std::string& called) mutable {
+    if (called == function && (++calls == number || number == 0)) {
+      deed();
+    }
+    return 0;
   };
 }
 
@@ -103,6 +123,36 @@ int mkdir(const char* path, mode_t mode) noexcept {
   return fails("mkdir") ? -1 : real.mkdir(path, mode);
 }
 
+int mkdirat(int directory, const char* path, mode_t mode) noexcept {
+  return fails("mkdirat") ? -1 : real.mkdirat(directory, path, mode);
+}
+
+int renameat(int from, const char* oldPath, int to, const char* newPath) noexcept {
+  return fails("renameat") ? -1 : real.renameat(from, oldPath, to, newPath);
+}
+
+int renameat2(int from, const char* oldPath, int to, const char* newPath, unsigned flags) noexcept {
+  return fails("renameat2") ? -1 : real.renameat2(from, oldPath, to, newPath, flags);
+}
+
+int futimens(int file, const timespec* times) noexcept {
+  return fails("futimens") ? -1 : real.futimens(file, times);
+}
+
+int flock(int file, int operation) noexcept {
+  return fails("flock") ? -1 : real.flock(file, operation);
+}
+
+int fsync(int file) {
+  const bool failing = fails("fsync");
+  return failing ? -1 : (active != nullptr ? 0 : real.fsync(file));
+}
+
+int syncfs(int file) noexcept {
+  const bool failing = fails("syncfs");
+  return failing ? -1 : (active != nullptr ? 0 : real.syncfs(file));
+}
+
 int fstat(int file, struct stat* status) noexcept {
   return fails("fstat") ? -1 : real.fstat(file, status);
 }
@@ -124,7 +174,18 @@ int fcntl(int file, int command, ...) {
 }
 
 dirent* readdir(DIR* stream) {
-  dirent* entry = fails("readdir") ? nullptr : real.readdir(stream);
+  static thread_local std::pair<DIR*, dirent*> again;
+  if (fails("readdir")) {
+    return nullptr;
+  }
+  const auto [former, repeated] = std::exchange(again, {});
+  if (repeated != nullptr && former == stream) {
+    return repeated;
+  }
+  dirent* const entry = real.readdir(stream);
+  if (entry != nullptr && entry->d_type == DT_REG && active != nullptr && active->repeatsFiles) {
+    again = {stream, entry};
+  }
   if (entry != nullptr && active != nullptr && active->typesAreUnknown) {
     entry->d_type = DT_UNKNOWN;
   }
@@ -133,6 +194,14 @@ dirent* readdir(DIR* stream) {
 
 int statvfs(const char* path, struct statvfs* status) noexcept {
   const int result = fails("statvfs") ? -1 : real.statvfs(path, status);
+  if (result == 0 && active != nullptr && active->fileSystem) {
+    *status = *active->fileSystem;
+  }
+  return result;
+}
+
+int fstatvfs(int file, struct statvfs* status) noexcept {
+  const int result = fails("fstatvfs") ? -1 : real.fstatvfs(file, status);
   if (result == 0 && active != nullptr && active->fileSystem) {
     *status = *active->fileSystem;
   }

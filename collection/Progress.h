@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+namespace collection {
+
+/// How long a collection may go on. Belongs to the collection's thread.
+class Progress {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// The time starts now. `isCancelled` tells whether the collection is to be broken off; it is
+  /// asked often, and must outlive this.
+  Progress(std::chrono::milliseconds limit, const std::function<bool()>& isCancelled);
+
+  /// Throws CollectionError (kResultStopping) once the collection is to be broken off. To be called
+  /// at least some ten times a second.
+  void check() const;
+
+  [[nodiscard]] bool timeIsOver() const { return Clock::now() >= end; }
+
+  /// The moment `limit` from now, or the end of the collection if that comes first.
+  [[nodiscard]] Clock::time_point deadline(std::chrono::milliseconds limit) const;
+
+ private:
+  const Clock::time_point end;
+  const std::function<bool()>& cancelled;
+};
+
+}  // namespace collection

@@ -1,0 +1,178 @@
+#pragma once
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unzip.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "collection/DevicePaths.h"
+#include "collection/Limits.h"
+#include "platform/message/CommandResult.h"
+#include "simulator/ControlPipe.h"
+#include "support/Descriptor.h"
+#include "support/FileOperations.h"
+#include "support/TreeRemoval.h"
+#include "tests/fakes/SystemCalls.h"
+#include "tests/support/FileSystemTest.h"
+#include "trace/Trace.h"
+
+/// Sets a limit of the process while it lives.
+class ResourceLimit {
+ public:
+  ResourceLimit(__rlimit_resource limited, rlim_t most) : resource(limited) {
+    getrlimit(resource, &old);
+    const rlimit limit{most, old.rlim_max};
+    setrlimit(resource, &limit);
+  }
+  ResourceLimit(const ResourceLimit&) = delete;
+  ResourceLimit& operator=(const ResourceLimit&) = delete;
+  ~ResourceLimit() { setrlimit(resource, &old); }
+
+ private:
+  const __rlimit_resource resource;
+  rlimit old{};
+};
+
+/// A device without any service or daemon. All times are UTC; nothing is flushed to the disk, on
+/// which any room is enough.
+class DeviceTest : public FileSystemTest {
+ protected:
+  struct SnapshotFile {
+    std::string bytes;
+    time_t modified = 0;
+    mode_t mode = 0;
+    bool isUtf8 = false;  // in an archive
+  };
+  using Snapshot = std::map<std::string, SnapshotFile>;
+
+  DeviceTest() {
+    setenv("TZ", "UTC", 1);  // NOLINT(concurrency-mt-unsafe): the test has one thread here
+    tzset();
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the same
+    setenv("KESTRANE_DEVICE_CONF", (directory / "device.conf").c_str(), 1);
+    limits.keepFree = {.bytes = 0, .percent = 0};
+  }
+
+  void TearDown() override {
+    calls.before = nullptr;
+    vexild.reset();
+    FileSystemTest::TearDown();
+  }
+
+  ~DeviceTest() override { kst::support::removeTree(directory.path); }
+
+  /// Writes a file below the folder of all logs.
+  std::string makeLog(const std::string& name, const std::string& content = "log") {
+    return makeFile(kst::trace::kScratchFolder + name, content);
+  }
+
+  std::string makeIn(const std::string& folder, const std::string& name,
+                     const std::string& content = "") {
+    return makeFile(folder.substr(directory.path.size() + 1) + "/" + name, content);
+  }
+
+  /// The sorted names in a folder; none if there is no folder.
+  static std::vector<std::string> namesIn(const std::string& folder) {
+    std::vector<std::string> names;
+    kst::support::listDirectory(folder, names);
+    std::erase_if(names, kst::support::isDotName);
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  static Snapshot snapshotAt(const std::string& path) {
+    return kst::support::isDirectory(path) ? folderAt(path) : archiveAt(path);
+  }
+
+  static Snapshot folderAt(const std::string& path) {
+    Snapshot files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(path)) {
+      const struct stat status = statusOf(entry.path());
+      const std::string name = entry.path().string().substr(path.size() + 1);
+      if (!S_ISDIR(status.st_mode)) {
+        files[name] = {contentOf(entry.path()), status.st_mtim.tv_sec, status.st_mode};
+      }
+    }
+    return files;
+  }
+
+  static Snapshot archiveAt(const std::string& path) {
+    Snapshot files;
+    void* const archive = unzOpen64(path.c_str());
+    EXPECT_TRUE(archive) << path;
+    for (int more = archive ? unzGoToFirstFile(archive) : UNZ_EOF; more == UNZ_OK;
+         more = unzGoToNextFile(archive)) {
+      std::vector<char> name(20'000);
+      std::array<unsigned char, 9> extra{};  // the time, in front of what large files add
+      unz_file_info64 info{};
+      unzGetCurrentFileInfo64(archive, &info, name.data(), name.size(), extra.data(), extra.size(),
+                              nullptr, 0);
+      SnapshotFile file{.bytes = std::string(info.uncompressed_size, '\0'),
+                        .mode = static_cast<mode_t>(info.external_fa >> 16),
+                        .isUtf8 = (info.flag >> 11 & 1) != 0};
+      EXPECT_EQ(unzOpenCurrentFile(archive), UNZ_OK);
+      EXPECT_EQ(
+          unzReadCurrentFile(archive, file.bytes.data(), static_cast<unsigned>(file.bytes.size())),
+          static_cast<int>(file.bytes.size()));
+      EXPECT_EQ(unzCloseCurrentFile(archive), UNZ_OK);  // the checksum too
+      const auto& [second, minute, hour, day, month, year] = info.tmu_date;
+      const std::chrono::sys_days date = std::chrono::year(static_cast<int>(year)) /
+                                         std::chrono::month(month + 1) / std::chrono::day(day);
+      file.modified = ((date.time_since_epoch().count() * 24L + hour) * 60 + minute) * 60 + second;
+      if (std::equal(extra.begin(), extra.begin() + 5, "UT\5\0\1")) {
+        const time_t exact = extra[5] | extra[6] << 8 | extra[7] << 16 | extra[8] << 24;
+        // The other field tells every second second, from 1980 on.
+        EXPECT_EQ(file.modified, std::max<time_t>(exact, 315'532'800) / 2 * 2);
+        file.modified = exact;
+      }
+      EXPECT_TRUE(files.emplace(name.data(), file).second) << name.data();
+    }
+    unzClose(archive);
+    return files;
+  }
+
+  void runVexild() {
+    vexild.emplace();
+    ASSERT_FALSE(vexild->open(paths.basebandControl));
+  }
+
+  static struct stat statusOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return status;
+  }
+
+  static mode_t modeOf(const std::string& path) { return statusOf(path).st_mode & 07777; }
+
+  static bool isThere(const std::string& path) { return kst::support::pathExists(path); }
+
+  /// Takes a daemon's lock through its open lock file, or gives it back.
+  static bool setLock(const kst::support::Descriptor& file, short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
+  }
+
+  [[nodiscard]] kst::support::Descriptor openLock(const std::string& folder) {
+    return kst::support::Descriptor(
+        kst::support::openPath(makeLog(folder + ".lock", ""), O_RDWR | O_CLOEXEC, 0));
+  }
+
+  const collection::DevicePaths paths{directory.path};
+  collection::Limits limits;
+  SystemCalls calls;
+  std::function<bool()> isCancelled = [] { return false; };
+  std::optional<simulator::ControlPipe> vexild;  // runs if it is there
+};

@@ -1,0 +1,349 @@
+#include "collection/LogSources.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "collection/CollectionError.h"
+#include "tests/collection/DeviceTest.h"
+
+namespace collection {
+namespace {
+
+using kst::support::Descriptor;
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using Logs = std::map<std::string, std::string>;
+
+class LogSourcesTest : public DeviceTest {
+ protected:
+  /// Opens all logs, and does `deed` when it has read those of a batch; gives their contents.
+  Logs open(const std::function<void()>& deed = [] {}) {
+    report = {};
+    batches = 0;
+    Logs logs;
+    LogSources sources(paths.scratch, {"TelephonyLog", "DIAG.scratch"}, limits, progress, report);
+    for (auto batch = sources.openNext(); !batch.empty(); batch = sources.openNext()) {
+      ++batches;
+      EXPECT_LE(batch.size(), mostAtOnce);
+      std::uint64_t size = 0;
+      for (OpenLog& log : batch) {
+        EXPECT_GE(log.record.size, std::exchange(size, log.record.size));
+        EXPECT_TRUE(logs.emplace(log.record.name, contentOf(log)).second) << log.record.name;
+        report.add(log.record);
+      }
+      inFirstBatch = batches == 1 ? logs : inFirstBatch;
+      batch.clear();
+      deed();
+    }
+    return logs;
+  }
+
+  static std::string contentOf(const OpenLog& log) {
+    std::string bytes(log.record.size, '\0');
+    EXPECT_EQ(pread(log.file.get(), bytes.data(), bytes.size(), 0),
+              static_cast<ssize_t>(bytes.size()));
+    return bytes;
+  }
+
+  std::string info() { return report.info({}, {}); }
+
+  const std::string telephony = paths.telephonyLogs;
+  Report report;
+  const Progress progress{std::chrono::hours(1), isCancelled};
+  int batches = 0;
+  std::size_t mostAtOnce = SIZE_MAX;
+  Logs inFirstBatch;
+};
+
+TEST_F(LogSourcesTest, OpensRegularFilesAndTellsOfAllElse) {
+  EXPECT_THAT(open(), IsEmpty());
+  EXPECT_EQ(report.entryCount(), 0);
+  const std::string odd = oddName + "\u202e";  // NOLINT(misc-misleading-bidirectional)
+  const Logs expected = {{"TelephonyLog/telephony.log", "call"},
+                         {"TelephonyLog/.hidden/" + odd, "odd"},
+                         {"TelephonyLog/second", "call"},
+                         {"DIAG.scratch/empty", ""}};
+  for (const auto& [name, content] : expected) {
+    makeLog(name, content);
+  }
+  unlink((telephony + "/second").c_str());
+  // A second name of a file of the owner's own is as good as the first.
+  EXPECT_EQ(link((telephony + "/telephony.log").c_str(), (telephony + "/second").c_str()), 0);
+  for (const auto& [target, name] : {std::pair(makeFile("outside/secret"), "link"),
+                                     {directory / "outside", "folder"},
+                                     {"nowhere", "dangling"},
+                                     {".", "loop"}}) {
+    EXPECT_EQ(symlink(target.c_str(), (telephony + "/" + name).c_str()), 0);
+  }
+  EXPECT_EQ(mkfifo((telephony + "/fifo").c_str(), 0666), 0);
+  EXPECT_EQ(mknod((telephony + "/socket").c_str(), S_IFSOCK | 0666, 0), 0);
+  const bool hasDevice = mknod((telephony + "/device").c_str(), S_IFCHR | 0666, 0x103) == 0;
+  for (const bool typesAreUnknown : {false, true}) {
+    calls.typesAreUnknown = typesAreUnknown;
+    EXPECT_EQ(open(), expected);
+    for (const std::string told :
+         {"link: left out: a link", "folder: left out: a link", "dangling: left out: a link",
+          "loop: left out: a link", "fifo: left out: a FIFO", "socket: left out: a socket",
+          hasDevice ? "device: left out: a device" : ""}) {
+      EXPECT_THAT(info(), HasSubstr(told + "\n"));
+    }
+    EXPECT_EQ(report.summary(), "");
+  }
+}
+
+TEST_F(LogSourcesTest, LeavesOutASecondNameOfAnotherUsersFile) {
+  makeLog("TelephonyLog/log");
+  const Descriptor folder(kst::support::openPath(telephony, O_RDONLY | O_DIRECTORY, 0));
+  EXPECT_TRUE(openLog(folder.get(), "log", geteuid() + 1).file);
+  link((telephony + "/log").c_str(), (telephony + "/second").c_str());
+  const OpenLog log = openLog(folder.get(), "log", geteuid() + 1);
+  EXPECT_TRUE(!log.file && log.record.fate == Fate::kLeftOut);
+}
+
+TEST_F(LogSourcesTest, TellsWhatItMayNotRead) {
+  chmod(makeLog("TelephonyLog/closed").c_str(), 0);
+  makeLog("TelephonyLog/folder/log");
+  chmod((telephony + "/folder").c_str(), 0);
+  makeLog("TelephonyLog/open");
+  overridePermissions(false);
+  EXPECT_EQ(open(), (Logs{{"TelephonyLog/open", "log"}}));
+  EXPECT_THAT(info(), testing::AllOf(HasSubstr("TelephonyLog/closed: unreadable: Permission"),
+                                     HasSubstr("TelephonyLog/folder/: unreadable: Permission")));
+  overridePermissions(true);
+  chmod((telephony + "/folder").c_str(), 0755);
+  calls.fail("readdir", EIO, 4);
+  EXPECT_THAT(open(), SizeIs(testing::Lt(3U)));
+  EXPECT_THAT(info(), HasSubstr("/: unreadable: Input/output error"));
+  for (const bool isLink : {true, false}) {  // in place of the folder of all logs
+    kst::support::removeTree(paths.scratch);
+    makeFile("outside/TelephonyLog/secret");
+    const std::string name = "var/wireless/Library/Logs/Kestrane";
+    isLink ? makeLink(name, directory / "outside") : makeFile(name);
+    EXPECT_THAT(open(), IsEmpty());
+    EXPECT_THAT(info(), HasSubstr("Kestrane/: unreadable: Not a directory"));
+  }
+}
+
+// Whatever step of the walk the folder's owner plays his trick before.
+TEST_F(LogSourcesTest, CannotBeLedAstray) {
+  const std::string outside = directory / "outside";
+  const std::pair<std::string, std::string> tricks[] = {{telephony, outside},
+                                                        {telephony + "/a", outside},
+                                                        {telephony + "/a/b", outside},
+                                                        {telephony + "/a/b/log", outside + "/log"},
+                                                        {telephony + "/log", outside + "/log"},
+                                                        {telephony + "/log", ""},  // a FIFO
+                                                        {telephony + "/a", ""}};
+  for (const auto& [path, target] : tricks) {
+    int played = 0;
+    int steps = 1;
+    for (int moment = 0; moment < steps; ++moment) {
+      kst::support::removeTree(paths.scratch);
+      for (const std::string name : {"/log", "/b/log", "/a/b/log", "/a/log"}) {
+        makeFile("outside" + name, "secret");
+        makeLog("TelephonyLog" + name, "log");
+      }
+      const std::string trap = directory / "trap";
+      EXPECT_EQ(target.empty() ? mkfifo(trap.c_str(), 0666) : symlink(target.c_str(), trap.c_str()),
+                0);
+      int step = 0;
+      calls.before = [&, path = path](const std::string& function) {
+        const bool isStep = function == "openat" || function == "fstat" || function == "readdir" ||
+                            function == "fstatat";
+        if (isStep && step++ == moment &&
+            renameat2(AT_FDCWD, trap.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE) == 0) {
+          ++played;
+        }
+        steps = std::max(steps, step);
+        return 0;
+      };
+      for (const auto& [name, content] : open()) {
+        ASSERT_EQ(content, "log") << name << " before step " << moment << ", " << path;
+      }
+      calls.before = nullptr;
+      kst::support::removeTree(trap);
+      kst::support::removeFile(trap);
+    }
+    EXPECT_GT(played, 10) << path;
+  }
+}
+
+// After whatever batch the daemon renames all its logs. Another owner's are not kept waiting.
+TEST_F(LogSourcesTest, LosesNoLogThatIsRenamedMeanwhile) {
+  const Descriptor lock = openLock("TelephonyLog");
+  constexpr int kLogs = 100;
+  const auto path = [this](int log) { return telephony + "/log." + std::to_string(log); };
+  makeLog("DIAG.scratch/diag.log", "diag");
+  std::set<std::string> contents{"diag"};
+  for (int log = 0; log < kLogs; ++log) {
+    contents.insert(std::to_string(log));
+    makeLog("TelephonyLog/log." + std::to_string(log), std::to_string(log));
+  }
+  const ResourceLimit few(RLIMIT_NOFILE, 24);
+  mostAtOnce = 12;
+  int moment = 0;
+  int later = 0;
+  do {
+    ++moment;
+    const Logs logs = open([&] {
+      for (int log = kLogs - 1 + moment; batches == moment && log >= moment; --log) {
+        EXPECT_TRUE(setLock(lock, F_WRLCK));
+        EXPECT_EQ(rename(path(log - 1).c_str(), path(log).c_str()), 0);
+        EXPECT_TRUE(setLock(lock, F_UNLCK));
+      }
+    });
+    EXPECT_TRUE(inFirstBatch.contains("DIAG.scratch/diag.log"));
+    std::set<std::string> found;
+    for (const auto& [name, content] : logs) {
+      found.insert(content);
+      later += name.starts_with("TelephonyLog.later/log.") ? 1 : 0;
+    }
+    EXPECT_EQ(found, contents) << moment;
+    EXPECT_TRUE(report.summary().empty() || report.summary().starts_with("1 log is gone"));
+  } while (batches > moment);
+  EXPECT_GT(moment, 5);
+  EXPECT_GT(later, 0);
+}
+
+TEST_F(LogSourcesTest, GivesNoNameTwice) {
+  makeLog("TelephonyLog/log", "first");
+  makeLog("TelephonyLog/same");
+  calls.repeatsFiles = true;
+  const Descriptor top(kst::support::openPath(paths.scratch, O_PATH | O_DIRECTORY, 0));
+  SourceWalk walk(top.get(), "TelephonyLog", report);
+  Logs logs;
+  ino_t inode = 0;
+  while (!walk.isAtEnd()) {
+    const auto log = walk.next(false);
+    if (!log) {
+      continue;
+    }
+    EXPECT_TRUE(logs.emplace(log->record.name, contentOf(*log)).second) << log->record.name;
+    if (log->record.name == "TelephonyLog/log") {  // the daemon rotates
+      rename((telephony + "/log").c_str(), (telephony + "/older").c_str());
+      inode = statusOf(makeLog("TelephonyLog/log", "second")).st_ino;
+    }
+  }
+  logs.erase("TelephonyLog/older");  // which the walk may meet or not
+  EXPECT_EQ(logs, (Logs{{"TelephonyLog/log", "first"},
+                        {"TelephonyLog/log~" + std::to_string(inode), "second"},
+                        {"TelephonyLog/same", "log"}}));
+}
+
+TEST_F(LogSourcesTest, TriesAgainWhenDescriptorsRunOut) {
+  for (const char* name : {"a", "b", "c/d", "c/e/f", "g"}) {
+    makeLog("TelephonyLog/" + std::string(name));
+  }
+  int number = 0;
+  int opened = 0;
+  calls.before = [&](const std::string& function) {
+    return function == "openat" && ++opened == number ? (number % 2 == 0 ? EMFILE : ENFILE) : 0;
+  };
+  int retried = 0;
+  do {
+    ++number;
+    opened = 0;
+    const Logs logs = open();
+    EXPECT_TRUE(logs.size() == 5 || !report.summary().empty()) << number;
+    retried += batches > 1 && report.summary().empty() ? 1 : 0;
+  } while (opened >= number);
+  EXPECT_GE(retried, 4);  // once a log was open
+}
+
+TEST_F(LogSourcesTest, HoldsALockOnlyWhileItLooksAtTheFolder) {
+  const Descriptor lock = openLock("TelephonyLog");
+  for (const char* name : {"a", "b", "c"}) {
+    makeLog("TelephonyLog/" + std::string(name));
+  }
+  int locked = 0;
+  int asked = 0;
+  const auto isFree = [&] { return setLock(lock, F_WRLCK) && setLock(lock, F_UNLCK); };
+  calls.at("readdir", 0, [&] {
+    DeviceTest::contentOf(lockFileOf(telephony));  // its end would end a lock of the process
+    locked += isFree() ? 0 : 1;
+    usleep(20'000);  // more than a daemon may be held up
+  });
+  isCancelled = [&] {
+    ++asked;
+    EXPECT_TRUE(isFree());
+    return false;
+  };
+  EXPECT_THAT(open([&] { EXPECT_TRUE(isFree()); }), SizeIs(3));
+  EXPECT_EQ(batches, 3);
+  EXPECT_GE(locked, 2 * 6);  // two walks over all entries, "." and ".." among them
+  EXPECT_GE(asked, 2 * 5);
+}
+
+TEST_F(LogSourcesTest, WaitsForALockOnceAndNotForEver) {
+  const Descriptor lock = openLock("TelephonyLog");
+  const Descriptor diag = openLock("DIAG.scratch");
+  makeLog("TelephonyLog/log", "half");
+  ASSERT_TRUE(setLock(lock, F_WRLCK));
+  int asked = 0;
+  isCancelled = [&] {
+    if (++asked == 10) {
+      makeLog("TelephonyLog/log", "whole");
+      setLock(lock, F_UNLCK);
+    }
+    return false;
+  };
+  EXPECT_EQ(open(), (Logs{{"TelephonyLog/log", "whole"}}));
+  EXPECT_EQ(report.summary(), "");
+
+  makeLog("TelephonyLog/another");
+  makeLog("DIAG.scratch/diag.log");
+  ASSERT_TRUE(setLock(lock, F_WRLCK));
+  calls.at("readdir", 0, [] { usleep(20'000); });  // more than a daemon may be held up
+  limits.lockTime = std::chrono::seconds(1);
+  const auto start = Progress::Clock::now();
+  EXPECT_THAT(open(), SizeIs(3));
+  const auto taken = Progress::Clock::now() - start;
+  EXPECT_TRUE(taken >= limits.lockTime && taken < limits.lockTime + milliseconds(900));
+  EXPECT_GT(batches, 1);
+  EXPECT_EQ(report.summary(), "TelephonyLog was not locked: its lock was held for 1000 ms");
+  EXPECT_THAT(info(), HasSubstr("Remark: " + report.summary() + "\n"));
+
+  limits.lockTime = std::chrono::hours(1);
+  const Progress soon(milliseconds(50), isCancelled);
+  LogSources sources(paths.scratch, {"TelephonyLog"}, limits, soon, report);
+  sources.openNext();
+  EXPECT_FALSE(sources.isAtEnd());
+  asked = 0;
+  isCancelled = [&] { return ++asked > 5; };
+  EXPECT_THROW(open(), CollectionError);
+}
+
+TEST_F(LogSourcesTest, CanDoWithoutALock) {
+  const std::string path = lockFileOf(telephony);
+  makeLog("TelephonyLog/log");
+  const std::pair<const char*, std::function<void()>> cases[] = {
+      {"its lock is no regular file", [&] { mkfifo(path.c_str(), 0666); }},
+      {"its lock is no regular file", [&] { mkdir(path.c_str(), 0755); }},
+      {"its lock: Too many levels of symbolic links",
+       [&] { symlink(makeFile("target").c_str(), path.c_str()); }},
+      {"its lock: Permission denied", [&] { chmod(makeLog("TelephonyLog.lock").c_str(), 0); }},
+      {"its lock: No locks available", [&] {
+         makeLog("TelephonyLog.lock");
+         calls.fail("fcntl", ENOLCK, 0);
+       }}};
+  overridePermissions(false);
+  for (const auto& [told, prepare] : cases) {
+    prepare();
+    EXPECT_THAT(open(), SizeIs(1));
+    calls.before = nullptr;
+    EXPECT_EQ(report.summary(), std::string("TelephonyLog was not locked: ") + told);
+    EXPECT_EQ(remove(path.c_str()), 0);
+  }
+}
+
+}  // namespace
+}  // namespace collection
