@@ -14,23 +14,31 @@
 
 namespace {
 
-/// A process under a name of one's choice. It reads from a pipe that is held here, and so ends no
-/// later than this process.
+/// A process under a name of one's choice. It copies from a pipe that is held here to another one,
+/// and so ends no later than this process.
 class NamedProcess {
  public:
   explicit NamedProcess(const std::string& name) {
     std::string path = directory / name;
     std::filesystem::create_symlink("/bin/cat", path);
     EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(output.data(), O_CLOEXEC), 0);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
     const std::array<char*, 2> argv = {path.data(), nullptr};
     EXPECT_EQ(posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), environ), 0);
     posix_spawn_file_actions_destroy(&actions);
+    // posix_spawn returns before the process has its new name; once it answers, it has.
+    char byte = 'x';
+    EXPECT_EQ(write(ends[1], &byte, 1), 1);
+    EXPECT_EQ(read(output[0], &byte, 1), 1);
   }
   ~NamedProcess() {
-    close(ends[0]);
+    for (const int end : {ends[0], output[0], output[1]}) {
+      close(end);
+    }
     waitpid(pid, nullptr, 0);
   }
 
@@ -43,7 +51,8 @@ class NamedProcess {
 
  private:
   const TemporaryDirectory directory;
-  std::array<int, 2> ends{};
+  std::array<int, 2> ends{};  // of its input
+  std::array<int, 2> output{};
   pid_t pid = 0;
 };
 
