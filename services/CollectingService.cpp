@@ -151,7 +151,8 @@ void CollectingService::stop() {
     job.done(collection::failedCollection(kst::kResultStopping, name + " is stopping"));
   }
   if (!running) {
-    return end();
+    // Behind what the worker may still have to clear.
+    work.push([this] { loop.post([this] { end(); }); });
   }
   loop.after(kStopLimit, [this] {
     fail("a collection could not be broken off");
