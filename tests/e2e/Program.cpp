@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <string_view>
 
 #include "tests/e2e/Files.h"
 
@@ -27,20 +28,49 @@ std::string pathOf(const std::string& program) {
   return std::filesystem::exists(beside) ? beside.string() : program;
 }
 
-/// In the child, between fork and exec.
-[[noreturn]] void become(const Words& args, const Variables& environment) {
-  signal(SIGPIPE, SIG_DFL);
-  std::vector<char*> words;
-  for (const std::string& arg : args) {
-    words.push_back(const_cast<char*>(arg.c_str()));
+/// What a program is started with. It is made before the fork: between that and exec a child of a
+/// process with threads may allocate nothing.
+class Image {
+ public:
+  Image(const Words& args, const Variables& environment) : path(pathOf(args.front())), words(args) {
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+      const std::string_view text = *variable;
+      if (!environment.contains(std::string(text.substr(0, text.find('='))))) {
+        variables.emplace_back(text);
+      }
+    }
+    for (const auto& [name, value] : environment) {
+      variables.push_back(name + "=" + value);
+    }
+    wordPointers = pointersTo(words);
+    variablePointers = pointersTo(variables);
   }
-  words.push_back(nullptr);
-  for (const auto& [name, value] : environment) {
-    setenv(name.c_str(), value.c_str(), 1);
+  Image(const Image&) = delete;
+  Image& operator=(const Image&) = delete;
+
+  /// In the child.
+  [[noreturn]] void become() const {
+    signal(SIGPIPE, SIG_DFL);
+    execvpe(path.c_str(), wordPointers.data(), variablePointers.data());
+    _exit(127);
   }
-  execvp(pathOf(args.front()).c_str(), words.data());
-  _exit(127);
-}
+
+ private:
+  static std::vector<char*> pointersTo(Words& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts) {
+      pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+  }
+
+  const std::string path;
+  Words words;
+  Words variables;
+  std::vector<char*> wordPointers;
+  std::vector<char*> variablePointers;
+};
 
 }  // namespace
 
@@ -51,11 +81,12 @@ Words joined(Words first, const Words& second) {
 
 Program::Program(const Words& args, const Variables& environment, Streams streams) {
   signal(SIGPIPE, SIG_IGN);
+  const Image image(args, environment);
   if (streams == Streams::kTerminal) {
     int terminal = -1;
     process = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (process == 0) {
-      become(args, environment);
+      image.become();
     }
     input = Descriptor(fcntl(terminal, F_DUPFD_CLOEXEC, 0));
     outputEnd = Descriptor(terminal);
@@ -76,7 +107,7 @@ Program::Program(const Words& args, const Variables& environment, Streams stream
     dup2(in[0], STDIN_FILENO);
     dup2(out[1], STDOUT_FILENO);
     dup2(errorFile.get(), STDERR_FILENO);
-    become(args, environment);
+    image.become();
   }
 }
 

@@ -250,21 +250,28 @@ TEST_F(ServicesTest, WhatIsBrokenIsReportedAndACollectionIsOnRecord) {
   }
 }
 
-/// What another user does with the log folder that he owns, until he is killed: exchanges entries
-/// of it for links out of it and back.
-[[noreturn]] void attack(const fs::path& folder, const fs::path& outside) {
+/// Gives a log folder to another user, with what he exchanges in it.
+void giveAway(const fs::path& folder, const fs::path& outside) {
+  for (const char* file : {"file", "folder/secret", "folder/deeper/secret"}) {
+    writeFile(folder / file, "mine");
+  }
+  fs::create_symlink(outside / "secret", folder / "link");
+  fs::create_symlink(outside, folder / "linked");
+  fs::create_symlink(outside, folder / "folder/linked");
+  mkfifo((folder / "fifo").c_str(), 0666);
+  for (const char* name : {".", "file", "folder", "folder/deeper", "folder/linked", "fifo"}) {
+    ASSERT_EQ(lchown((folder / name).c_str(), kNobody, kNobody), 0);
+  }
+}
+
+/// What he does with it until he is killed: exchanges entries for links out of it and back. The
+/// child of a process with threads, it allocates nothing.
+[[noreturn]] void attack(const fs::path& folder) {
   if (setgid(kNobody) != 0 || setuid(kNobody) != 0 || chdir(folder.c_str()) != 0) {
     _exit(1);
   }
   const std::pair<const char*, const char*> pairs[] = {
       {"file", "link"}, {"folder", "linked"}, {"folder/deeper", "folder/linked"}, {"file", "fifo"}};
-  for (const char* file : {"file", "folder/secret", "folder/deeper/secret"}) {
-    writeFile(folder / file, "mine");
-  }
-  fs::create_symlink(outside / "secret", "link");
-  fs::create_symlink(outside, "linked");
-  fs::create_symlink(outside, "folder/linked");
-  mkfifo("fifo", 0666);
   for (std::size_t turn = 0;; ++turn) {
     const auto& [left, right] = pairs[turn % std::size(pairs)];
     renameat2(AT_FDCWD, left, AT_FDCWD, right, RENAME_EXCHANGE);
@@ -282,10 +289,10 @@ TEST_F(ServicesTest, TheOwnerOfALogFolderGetsNothingOfAnybodyElses) {
   fs::permissions(outside / "secret", fs::perms::owner_read);
   // The temporary folder of the device is its user's alone.
   fs::permissions(root.parent_path(), fs::perms::others_exec, fs::perm_options::add);
-  ASSERT_EQ(chown(telephony.c_str(), kNobody, kNobody), 0);
+  giveAway(telephony, outside);
   const pid_t attacker = fork();
   if (attacker == 0) {
-    attack(telephony, outside);
+    attack(telephony);
   }
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody sets it
   const char* const seconds = std::getenv("KST_ATTACK_SECONDS");
