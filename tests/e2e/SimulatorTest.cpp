@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -270,12 +271,16 @@ PATH=${PATH#*:}; exec dbus-daemon "$1" "$2" "$3" "$4")";
        128 + SIGHUP,
        {"Corvend.ended"}},
   };
-  const auto endsInTime = [kLimit](const Case& test) {
+  // A script that is open for writing when the other thread forks cannot be executed for a while.
+  std::mutex forking;
+  const auto endsInTime = [kLimit, &forking](const Case& test) {
     SCOPED_TRACE(test.name);
+    std::unique_lock lock(forking);
     const ScriptedDevice device(test.scripts);
     const auto beside = [&](const std::string& name) { return device.programs / name; };
     Program simulator(joined(device.command(test.command), {beside("command")}),  // its "$0"
                       device.environment());
+    lock.unlock();
 
     Variables scripts = test.scripts;
     if (!test.command.empty()) {
