@@ -1,55 +1,77 @@
 #include "platform/device/ProcessQuery.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
 #include <cctype>
-#include <filesystem>
-#include <fstream>
-#include <system_error>
+#include <memory>
+#include <string_view>
 
 namespace {
-
-namespace fs = std::filesystem;
 
 /// The process table holds this much of an executable's name.
 constexpr std::size_t kTableNameLength = 15;
 
-/// The file up to its first NUL byte; empty when it cannot be read.
-std::string firstText(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::string text;
-  std::getline(file, text, '\0');
-  return text;
+struct DirectoryCloser {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+
+/// The beginning of a process's file in the process table: empty when it cannot be read, as when
+/// the process has gone meanwhile.
+std::string readStart(int table, const std::string& path) {
+  const int file = openat(table, path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) {
+    return {};
+  }
+  // A name may be as long as a file's, the path to it longer.
+  std::array<char, 8192> buffer;
+  const ssize_t count = read(file, buffer.data(), buffer.size());
+  close(file);
+  return count > 0 ? std::string(buffer.data(), static_cast<std::size_t>(count)) : std::string();
 }
 
-/// Whether the process of this folder of /proc runs under `name`. A process that has gone meanwhile
-/// does not.
-bool runsAs(const fs::path& process, const std::string& name) {
+/// Whether the process is more than an entry in the table.
+bool isAlive(int table, const std::string& process) {
   // "PID (NAME) STATE ...", where NAME may hold anything, parentheses and line feeds too (proc(5)).
-  const std::string stat = firstText(process / "stat");
-  const std::size_t open = stat.find('(');
-  const std::size_t close = stat.rfind(')');
-  if (open == std::string::npos || close == std::string::npos || close + 2 >= stat.size()) {
+  const std::string stat = readStart(table, process + "/stat");
+  const std::size_t nameEnd = stat.rfind(')');
+  if (nameEnd == std::string::npos || nameEnd + 2 >= stat.size()) {
     return false;
   }
-  const char state = stat[close + 2];
-  if (state == 'Z' || state == 'X') {
+  const char state = stat[nameEnd + 2];
+  return state != 'Z' && state != 'X';
+}
+
+/// The name of the executable by the process's own arguments.
+std::string nameInArguments(int table, const std::string& process) {
+  std::string arguments = readStart(table, process + "/cmdline");
+  arguments.resize(std::string_view(arguments.c_str()).size());
+  return arguments.substr(arguments.rfind('/') + 1);
+}
+
+bool runsAs(int table, const std::string& process, const std::string& name) {
+  // One small file for most processes: the others take the kernel longer to make.
+  if (readStart(table, process + "/comm") != name.substr(0, kTableNameLength) + "\n") {
     return false;
   }
-  const std::string tableName = stat.substr(open + 1, close - open - 1);
-  if (tableName != name.substr(0, kTableNameLength)) {
-    return false;
-  }
-  const bool isWhole = tableName.size() < kTableNameLength;
-  return isWhole || fs::path(firstText(process / "cmdline")).filename() == name;
+  const bool isWhole = name.size() < kTableNameLength;
+  return isAlive(table, process) && (isWhole || nameInArguments(table, process) == name);
 }
 
 }  // namespace
 
 bool isProcessRunning(const std::string& name) {
-  std::error_code error;
-  for (fs::directory_iterator entry("/proc", error), end; !error && entry != end;
-       entry.increment(error)) {
-    const std::string folder = entry->path().filename();
-    if (std::isdigit(static_cast<unsigned char>(folder.front())) && runsAs(entry->path(), name)) {
+  const std::unique_ptr<DIR, DirectoryCloser> table(opendir("/proc"));
+  if (!table) {
+    return false;
+  }
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): its own stream
+  while (const dirent* entry = readdir(table.get())) {
+    const std::string process = entry->d_name;
+    if (std::isdigit(static_cast<unsigned char>(process.front())) != 0 &&
+        runsAs(dirfd(table.get()), process, name)) {
       return true;
     }
   }
