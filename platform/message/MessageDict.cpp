@@ -1,24 +1,50 @@
 #include "platform/message/MessageDict.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "platform/message/Utf8.h"
 
+namespace {
+
+/// Up to here, looking through all keys is cheaper than an index of them.
+constexpr std::size_t kFewEntries = 32;
+
+}  // namespace
+
+/// Where each key stands.
+struct MessageDict::Index : std::unordered_map<std::string, std::size_t> {};
+
 MessageDict::MessageDict() = default;
-MessageDict::MessageDict(const MessageDict& other) = default;
+MessageDict::MessageDict(const MessageDict& other) : stored(other.stored) {}
 MessageDict::MessageDict(MessageDict&& other) noexcept = default;
-MessageDict& MessageDict::operator=(const MessageDict& other) = default;
+MessageDict& MessageDict::operator=(const MessageDict& other) { return *this = MessageDict(other); }
 MessageDict& MessageDict::operator=(MessageDict&& other) noexcept = default;
 MessageDict::~MessageDict() = default;
 
 void MessageDict::set(const std::string& key, MessageValue value) {
-  const auto entry =
-      std::find_if(stored.begin(), stored.end(), [&](const Entry& e) { return e.first == key; });
-  if (entry == stored.end()) {
-    stored.emplace_back(key, std::move(value));
+  const std::size_t position = positionOf(key);
+  if (position < stored.size()) {
+    stored[position].second = std::move(value);
   } else {
-    entry->second = std::move(value);
+    stored.emplace_back(key, std::move(value));
   }
+}
+
+/// Where the key stands, or is going to.
+std::size_t MessageDict::positionOf(const std::string& key) {
+  if (stored.size() < kFewEntries) {
+    const auto isAsked = [&](const Entry& entry) { return entry.first == key; };
+    return static_cast<std::size_t>(std::find_if(stored.begin(), stored.end(), isAsked) -
+                                    stored.begin());
+  }
+  if (!index) {
+    index = std::make_unique<Index>();
+    for (std::size_t i = 0; i < stored.size(); ++i) {
+      index->emplace(stored[i].first, i);
+    }
+  }
+  return index->emplace(key, stored.size()).first->second;
 }
 
 const MessageValue* MessageDict::find(std::string_view key) const {

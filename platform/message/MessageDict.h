@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -10,7 +12,9 @@
 class MessageValue;
 
 /// The message that is exchanged with the services: values under text keys, in the order in which
-/// the keys were first set. A plain value; an instance belongs to one thread at a time.
+/// the keys were first set. A plain value; an instance belongs to one thread at a time. Filling it
+/// takes time in proportion to the number of keys, since a service may send a million; `find` looks
+/// through all.
 class MessageDict {
  public:
   using Entry = std::pair<std::string, MessageValue>;
@@ -40,7 +44,12 @@ class MessageDict {
   friend bool operator==(const MessageDict& left, const MessageDict& right);
 
  private:
+  struct Index;
+
+  [[nodiscard]] std::size_t positionOf(const std::string& key);
+
   std::vector<Entry> stored;
+  std::unique_ptr<Index> index;  // of `stored`, once it has grown large; copies make their own
 };
 
 /// One value of a message: null, a boolean, a 64-bit integer, a text or a dictionary.
