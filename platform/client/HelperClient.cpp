@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 #include "platform/dbus/BlockingCall.h"
@@ -38,9 +39,10 @@ CommandResult HelperClient::perform(helper::TaskID task, const std::string& comm
   const std::chrono::milliseconds limit = limitOf(request);
   const dbus::Command call{clientName, static_cast<std::int32_t>(task), command,
                            std::move(request)};
-  MessageValue value;
+  std::optional<MessageValue> value;
   CommandResult result = dbus::callBlocking(dbus::kHelper, call, limit, value);
-  reply = value.dictionary() ? *value.dictionary() : MessageDict();
+  const MessageDict* dictionary = value ? value->dictionary() : nullptr;
+  reply = dictionary ? *dictionary : MessageDict();
   if (result.status != 0 && sink) {
     sink(command + ": " + result.text);
   }

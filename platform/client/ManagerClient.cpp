@@ -113,10 +113,11 @@ namespace kst::client {
 
 namespace {
 
-/// Answers in the manager's place what is a setting of the device.
+/// Answers in the manager's place what is a setting of the device. A manager that is there is not
+/// overridden, whatever its status.
 void answerWhileNotRunning(const std::string& command, const MessageDict& request,
-                           CommandResult& result, MessageValue& reply) {
-  if (result.status == kResultManagerNotRunning && command == kCommandGetTraceProperty) {
+                           CommandResult& result, std::optional<MessageValue>& reply) {
+  if (!reply && result.status == kResultManagerNotRunning && command == kCommandGetTraceProperty) {
     result = {};
     reply = answerTraceProperty(request);
   }
@@ -142,12 +143,12 @@ void PerformCommand(std::shared_ptr<ManagerClient> manager, const std::string& c
   // The callback is moved all the way, never copied, so that the only copy dies on the queue.
   auto answered = [queue = manager->callbackQueue(), command = command, request = request,
                    callback = std::move(callback)](CommandResult result,
-                                                   MessageValue reply) mutable {
+                                                   std::optional<MessageValue> reply) mutable {
     queue.submit([command = std::move(command), request = std::move(request),
                   callback = std::move(callback), result = std::move(result),
                   reply = std::move(reply)]() mutable {
       answerWhileNotRunning(command, request, result, reply);
-      callback(result, reply);
+      callback(result, reply.value_or(MessageValue()));
     });
   };
   manager->perform(command, request, std::move(answered));
@@ -155,17 +156,19 @@ void PerformCommand(std::shared_ptr<ManagerClient> manager, const std::string& c
 
 CommandResult PerformCommand(std::shared_ptr<ManagerClient> manager, const std::string& command,
                              const MessageDict& request, MessageValue& reply) {
+  // It comes through the queue, and so behind the state of which the caller hears there. Shared: it
+  // is still in use when the wait ends.
   using Outcome = std::pair<CommandResult, MessageValue>;
-  const auto promise =
-      std::make_shared<std::promise<Outcome>>();  // shared: it is still in use when the wait ends
-  std::future<Outcome> outcome = promise->get_future();
-  manager->perform(command, request, [promise](CommandResult result, MessageValue value) {
-    promise->set_value({std::move(result), std::move(value)});
-  });
-  CommandResult result;
-  std::tie(result, reply) = outcome.get();
-  answerWhileNotRunning(command, request, result, reply);
-  return result;
+  const auto promise = std::make_shared<std::promise<Outcome>>();
+  PerformCommand(
+      std::move(manager), command,
+      [promise](const CommandResult& result, const MessageValue& value) {
+        promise->set_value({result, value});
+      },
+      request);
+  Outcome outcome = promise->get_future().get();
+  reply = std::move(outcome.second);
+  return outcome.first;
 }
 
 }  // namespace kst::client

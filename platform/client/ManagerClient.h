@@ -51,7 +51,8 @@ void EventsOn(std::shared_ptr<ManagerClient> manager);
 void PerformCommand(std::shared_ptr<ManagerClient> manager, const std::string& command,
                     ReplyCallback callback, const MessageDict& request);
 
-/// The same, but blocks until the reply is in `reply`. May be called on the client's queue too.
+/// The same, but blocks until the reply is in `reply`; the events from before it have been
+/// delivered by then. REQUIRES: not called on the client's queue.
 CommandResult PerformCommand(std::shared_ptr<ManagerClient> manager, const std::string& command,
                              const MessageDict& request, MessageValue& reply);
 

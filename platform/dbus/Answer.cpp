@@ -12,7 +12,7 @@ Answer::Answer(Answer&& other) noexcept
 
 Answer::~Answer() { send(ifDropped); }
 
-void Answer::send(CommandResult result, MessageValue reply) {
+void Answer::send(CommandResult result, std::optional<MessageValue> reply) {
   if (const AnswerReceiver answered = std::exchange(receiver, nullptr)) {
     answered(std::move(result), std::move(reply));
   }

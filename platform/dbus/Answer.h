@@ -1,13 +1,15 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 
 #include "platform/message/CommandResult.h"
 #include "platform/message/MessageDict.h"
 
 namespace dbus {
 
-using AnswerReceiver = std::function<void(CommandResult result, MessageValue reply)>;
+/// Gets nothing as the reply where there is none from the service: the result is then not its own.
+using AnswerReceiver = std::function<void(CommandResult result, std::optional<MessageValue> reply)>;
 
 /// The duty to answer a call exactly once: what nobody has answered when this goes is answered with
 /// a fixed result. Belongs to one thread at a time.
@@ -21,7 +23,7 @@ class Answer {
   ~Answer();
 
   /// Answers, and lets go of the receiver. Does nothing when it has answered before.
-  void send(CommandResult result, MessageValue reply = {});
+  void send(CommandResult result, std::optional<MessageValue> reply = std::nullopt);
 
  private:
   AnswerReceiver receiver;  // empty once answered

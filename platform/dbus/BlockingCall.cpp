@@ -18,7 +18,7 @@ class BusError {
   BusError& operator=(const BusError&) = delete;
   ~BusError() { sd_bus_error_free(&error); }
 
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error = {};  // SD_BUS_ERROR_NULL is no C++
 };
 
 CommandResult noBus(const Peer& peer, int r) {
@@ -28,8 +28,8 @@ CommandResult noBus(const Peer& peer, int r) {
 }  // namespace
 
 CommandResult callBlocking(const Peer& peer, const Command& command,
-                           std::chrono::microseconds limit, MessageValue& reply) {
-  reply = MessageValue();
+                           std::chrono::microseconds limit, std::optional<MessageValue>& reply) {
+  reply.reset();
   sd_bus* opened = nullptr;
   if (const int r = sd_bus_open_system(&opened); r < 0) {
     return noBus(peer, r);

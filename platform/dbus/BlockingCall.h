@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 
 #include "platform/dbus/Command.h"
 #include "platform/dbus/Peer.h"
@@ -9,9 +10,9 @@
 namespace dbus {
 
 /// Sends one command on a connection of its own and waits for the reply, at most `limit` for each
-/// of connecting and the call. `reply` is null unless there was a well-formed one. Callable from
+/// of connecting and the call. `reply` is nothing unless there was a well-formed one. Callable from
 /// any thread.
 CommandResult callBlocking(const Peer& peer, const Command& command,
-                           std::chrono::microseconds limit, MessageValue& reply);
+                           std::chrono::microseconds limit, std::optional<MessageValue>& reply);
 
 }  // namespace dbus

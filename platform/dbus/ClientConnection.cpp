@@ -4,7 +4,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -19,13 +21,26 @@ namespace {
 /// How long after a failed or lost connection the next attempt comes.
 constexpr std::chrono::milliseconds kRetryDelay(250);
 
-/// How long a bus may take to answer for the first time before the connection is given up.
-constexpr std::chrono::milliseconds kConnectLimit(5000);
+/// How long a bus, and then a service, may take to answer for the first time before calls do not
+/// wait for it any more.
+constexpr std::chrono::milliseconds kFirstAnswerLimit(3000);
 
 /// sd-bus's value for a call without a time limit.
 constexpr std::uint64_t kNoTimeLimit = UINT64_MAX;
 
 constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
+
+/// Whether `name` is in the list of texts that comes next in the message.
+bool lists(sd_bus_message* message, std::string_view name) {
+  const char* entry = "";
+  bool found = false;
+  if (sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "s") > 0) {
+    while (!found && sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &entry) > 0) {
+      found = entry == name;
+    }
+  }
+  return found;
+}
 
 }  // namespace
 
@@ -38,28 +53,41 @@ class ClientConnection::Io {
     loop.post([this] { connect(); });
   }
 
-  void connect();
-  void send(const Command& command, Answer answer);
+  /// Serves the connection until the loop is stopped.
+  void run();
+
+  void perform(const Command& command, Answer answer);
 
   EventLoop loop;
 
  private:
+  struct WaitingCall {
+    Command command;
+    Answer answer;
+  };
+
   struct PendingCall {
     Io& io;
     Answer answer;
-
-    ~PendingCall() {
-      if (io.unreachable) {
-        answer.send({io.peer.notRunning, "the bus does not answer"});
-      }
-    }
   };
 
+  /// What becomes of calls.
+  enum class Calls { kWait, kGo, kFail };
+
+  void connect();
   int openBus();
   int subscribe();
-  void disconnect();
+  void leaveBus(const CommandResult& result);
+  void disconnect(const CommandResult& result);
+  void setTimer(std::chrono::milliseconds delay);
+  void onTimer();
   void setOwner(const std::string& newOwner);
   void readState();
+  void tellState(MessageValue state);
+  void letCallsGo();
+  void failCalls(const CommandResult& result);
+  void send(const Command& command, Answer answer);
+  [[nodiscard]] bool isConnected() const { return bus && sd_bus_is_open(bus.get()) > 0; }
 
   static int onBusAnswer(sd_bus_message* message, void* self, sd_bus_error* error);
   static int onOwnerChanged(sd_bus_message* message, void* self, sd_bus_error* error);
@@ -67,40 +95,42 @@ class ClientConnection::Io {
   static int onState(sd_bus_message* message, void* self, sd_bus_error* error);
   static int onDisconnected(sd_bus_message* message, void* self, sd_bus_error* error);
   static int onReply(sd_bus_message* message, void* pendingCall, sd_bus_error* error);
-  static int onConnectLimit(sd_event_source* source, std::uint64_t time, void* self);
 
   const Peer peer;
   const StateHandler stateChanged;
-  bool answered = false;        // whether `bus` has ever answered
-  bool unreachable = false;     // `bus` is given up before anything could be sent on it
-  BusPtr bus;                   // empty between two attempts to connect
+  const CommandResult noBus{peer.notRunning, "there is no bus"};
+  const CommandResult silentBus{peer.notRunning, "the bus does not answer"};
+  const CommandResult silentService{kst::kResultCallFailed, "the service does not answer"};
+
+  Calls calls = Calls::kWait;
+  std::deque<WaitingCall> waiting;  // empty unless calls wait
+  CommandResult failure;            // what calls that fail get
+  BusPtr bus;                       // empty between two attempts to connect
+  bool busAnswered = false;         // `bus` has
+  bool busWasSilent = false;        // when last tried: calls need not wait for it again
   std::string owner;            // the unique name of the service; empty while it is not on the bus
   SlotPtr stateQuery;           // the property query that is out; must go before `bus`
-  EventSourcePtr connectLimit;  // runs until the bus has answered for the first time
+  std::uint64_t timerSets = 0;  // only the timer that was set last counts
 };
 
-void ClientConnection::Io::connect() {
-  if (openBus() < 0) {
-    disconnect();
-    return;
-  }
-  sd_event_source* source = nullptr;
-  const std::chrono::microseconds limit = kConnectLimit;
-  if (sd_event_add_time_relative(loop.native(), &source, CLOCK_MONOTONIC,
-                                 static_cast<std::uint64_t>(limit.count()), 0, onConnectLimit,
-                                 this) >= 0) {
-    connectLimit.reset(source);
+void ClientConnection::Io::run() {
+  try {
+    loop.run();
+  } catch (const std::system_error& error) {
+    // Calls that come now are answered by the loop's dropping them.
+    leaveBus({peer.notRunning, error.what()});
   }
 }
 
-int ClientConnection::Io::onConnectLimit(sd_event_source* /*source*/, std::uint64_t /*time*/,
-                                         void* self) {
-  auto& io = *static_cast<Io*>(self);
-  if (sd_bus_is_ready(io.bus.get()) == 0) {
-    io.unreachable = true;
-    io.disconnect();
+void ClientConnection::Io::connect() {
+  if (openBus() < 0) {
+    disconnect(noBus);
+    return;
   }
-  return 0;
+  if (!busWasSilent) {
+    calls = Calls::kWait;
+  }
+  setTimer(kFirstAnswerLimit);
 }
 
 int ClientConnection::Io::openBus() {
@@ -110,7 +140,11 @@ int ClientConnection::Io::openBus() {
     return r;
   }
   bus.reset(opened);
-  r = sd_bus_attach_event(opened, loop.native(), SD_EVENT_PRIORITY_NORMAL);
+  // By itself, sd-bus would flush when the loop ends, and a frozen bus would hold up the end.
+  r = sd_bus_set_close_on_exit(opened, 0);
+  if (r >= 0) {
+    r = sd_bus_attach_event(opened, loop.native(), SD_EVENT_PRIORITY_NORMAL);
+  }
   return r < 0 ? r : subscribe();
 }
 
@@ -141,26 +175,73 @@ int ClientConnection::Io::subscribe() {
   return r;
 }
 
-void ClientConnection::Io::disconnect() {
-  connectLimit.reset();
-  stateQuery.reset();
-  bus.reset();  // calls that are still out are answered by this
-  answered = false;
-  unreachable = false;
+/// Gives up the bus, if there is one. The state is told before the answers that the loss gives.
+void ClientConnection::Io::leaveBus(const CommandResult& result) {
+  busAnswered = false;
   owner.clear();
   stateChanged(std::nullopt);
-  loop.after(kRetryDelay, [this] { connect(); });
+  failCalls(result);
+  stateQuery.reset();
+  bus.reset();  // calls that are out are answered by this
+}
+
+void ClientConnection::Io::disconnect(const CommandResult& result) {
+  leaveBus(result);
+  setTimer(kRetryDelay);
+}
+
+void ClientConnection::Io::setTimer(std::chrono::milliseconds delay) {
+  loop.after(delay, [this, set = ++timerSets] {
+    if (set == timerSets) {
+      onTimer();
+    }
+  });
+}
+
+void ClientConnection::Io::onTimer() {
+  if (!bus) {
+    connect();
+  } else if (!busAnswered) {
+    busWasSilent = true;
+    disconnect(silentBus);
+  } else if (calls == Calls::kWait) {
+    failCalls(silentService);  // until it does answer
+  }
+}
+
+/// Lets all calls through to the bus.
+void ClientConnection::Io::letCallsGo() {
+  calls = Calls::kGo;
+  for (WaitingCall& call : std::exchange(waiting, {})) {
+    send(call.command, std::move(call.answer));
+  }
+}
+
+/// Answers calls with `result` from now on, those that have waited first.
+void ClientConnection::Io::failCalls(const CommandResult& result) {
+  calls = Calls::kFail;
+  failure = result;
+  for (WaitingCall& call : std::exchange(waiting, {})) {
+    call.answer.send(failure);
+  }
 }
 
 void ClientConnection::Io::setOwner(const std::string& newOwner) {
+  busAnswered = true;
+  busWasSilent = false;
   if (!newOwner.empty() && newOwner == owner) {
     return;
+  }
+  if (!owner.empty() || newOwner.empty()) {
+    stateChanged(std::nullopt);
   }
   owner = newOwner;
   stateQuery.reset();
   if (owner.empty()) {
-    stateChanged(std::nullopt);
+    letCallsGo();
   } else {
+    calls = Calls::kWait;
+    setTimer(kFirstAnswerLimit);
     readState();
   }
 }
@@ -179,12 +260,27 @@ void ClientConnection::Io::readState() {
   }
 }
 
-void ClientConnection::Io::send(const Command& command, Answer answer) {
-  const CommandResult notRunning{peer.notRunning, "there is no bus"};
-  if (!bus) {
-    answer.send(notRunning);
-    return;
+/// The service has told its state, and so has answered.
+void ClientConnection::Io::tellState(MessageValue state) {
+  stateChanged(std::move(state));
+  letCallsGo();
+}
+
+void ClientConnection::Io::perform(const Command& command, Answer answer) {
+  switch (calls) {
+    case Calls::kWait:
+      waiting.push_back({command, std::move(answer)});
+      break;
+    case Calls::kGo:
+      send(command, std::move(answer));
+      break;
+    case Calls::kFail:
+      answer.send(failure);
+      break;
   }
+}
+
+void ClientConnection::Io::send(const Command& command, Answer answer) {
   MessagePtr call;
   std::unique_ptr<PendingCall> pending(new PendingCall{*this, std::move(answer)});
   sd_bus_slot* slot = nullptr;
@@ -193,9 +289,12 @@ void ClientConnection::Io::send(const Command& command, Answer answer) {
     r = sd_bus_call_async(bus.get(), &slot, call.get(), onReply, pending.get(), kNoTimeLimit);
   }
   if (r < 0) {
-    pending->answer.send(isDisconnect(-r) ? notRunning
-                                          : CommandResult{kst::kResultCallFailed,
-                                                          std::generic_category().message(-r)});
+    const bool lost = isDisconnect(-r);
+    if (lost) {
+      stateChanged(std::nullopt);
+    }
+    pending->answer.send(
+        lost ? noBus : CommandResult{kst::kResultCallFailed, std::generic_category().message(-r)});
     return;
   }
   // The slot owns the call from here on, and the bus the slot: when either goes, the call is
@@ -210,10 +309,10 @@ void ClientConnection::Io::send(const Command& command, Answer answer) {
 int ClientConnection::Io::onReply(sd_bus_message* message, void* pendingCall,
                                   sd_bus_error* /*error*/) {
   auto& call = *static_cast<PendingCall*>(pendingCall);
-  MessageValue reply;
+  std::optional<MessageValue> reply;
   CommandResult result = readReply(message, call.io.peer, reply);
-  if (result.status == kst::kResultReplyLost && !call.io.answered) {
-    result.status = call.io.peer.notRunning;  // the bus never took the connection in
+  if (!call.io.isConnected()) {
+    call.io.stateChanged(std::nullopt);  // `onDisconnected` comes after all answers
   }
   call.answer.send(std::move(result), std::move(reply));
   return 0;
@@ -223,11 +322,9 @@ int ClientConnection::Io::onReply(sd_bus_message* message, void* pendingCall,
 int ClientConnection::Io::onBusAnswer(sd_bus_message* message, void* self,
                                       sd_bus_error* /*error*/) {
   auto& io = *static_cast<Io*>(self);
-  if (sd_bus_message_is_method_error(message, SD_BUS_ERROR_NO_REPLY) > 0) {
-    return 0;  // the connection failed; `onDisconnected` comes next
+  if (!io.isConnected()) {
+    return 0;  // `onDisconnected` comes next
   }
-  io.answered = true;
-  io.connectLimit.reset();
   const char* name = "";
   if (sd_bus_message_is_method_error(message, nullptr) > 0 ||
       sd_bus_message_read(message, "s", &name) < 0) {
@@ -240,7 +337,7 @@ int ClientConnection::Io::onBusAnswer(sd_bus_message* message, void* self,
 int ClientConnection::Io::onOwnerChanged(sd_bus_message* message, void* self,
                                          sd_bus_error* /*error*/) {
   const char* newOwner = "";
-  if (sd_bus_message_read(message, "sss", nullptr, nullptr, &newOwner) >= 0) {
+  if (isFromBus(message) && sd_bus_message_read(message, "sss", nullptr, nullptr, &newOwner) >= 0) {
     static_cast<Io*>(self)->setOwner(newOwner);
   }
   return 0;
@@ -254,31 +351,36 @@ int ClientConnection::Io::onPropertiesChanged(sd_bus_message* message, void* sel
     return 0;
   }
   MessageDict changed;
-  const bool readable = sd_bus_message_skip(message, "s") >= 0 && readDict(message, changed) >= 0;
-  const MessageValue* state = readable ? changed.find(kServerStateProperty) : nullptr;
-  if (state) {
-    io.stateChanged(*state);
-  } else {
-    io.readState();
+  if (sd_bus_message_skip(message, "s") < 0 || readDict(message, changed) < 0) {
+    return 0;
+  }
+  if (const MessageValue* state = changed.find(kServerStateProperty)) {
+    io.tellState(*state);
+  } else if (!io.stateQuery && lists(message, kServerStateProperty)) {
+    io.readState();  // a query that is out will be answered after this
   }
   return 0;
 }
 
 int ClientConnection::Io::onState(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
   auto& io = *static_cast<Io*>(self);
+  if (!io.isConnected()) {
+    return 0;
+  }
   MessageValue state;
   if (sd_bus_message_is_method_error(message, nullptr) > 0 || readVariant(message, state) < 0) {
     state = MessageValue();
   }
   io.stateQuery.reset();
-  io.stateChanged(std::move(state));
+  io.tellState(std::move(state));
   return 0;
 }
 
 int ClientConnection::Io::onDisconnected(sd_bus_message* /*message*/, void* self,
                                          sd_bus_error* /*error*/) {
   auto& io = *static_cast<Io*>(self);
-  io.loop.post([&io] { io.disconnect(); });  // not from within a callback of the bus that goes
+  // Not from within a callback of the bus that goes.
+  io.loop.post([&io] { io.disconnect(io.noBus); });
   return 0;
 }
 
@@ -286,7 +388,7 @@ ClientConnection::ClientConnection(const Peer& servicePeer, StateHandler stateCh
     : peer(servicePeer) {
   try {
     io = std::make_unique<Io>(peer, stateChanged);
-    thread = std::thread([this] { io->loop.run(); });
+    thread = std::thread([this] { io->run(); });
     pthread_setname_np(thread.native_handle(), "kst.bus");
   } catch (const std::system_error&) {
     io.reset();
@@ -310,7 +412,7 @@ void ClientConnection::perform(Command command, AnswerReceiver answered) {
   // std::function wants to be copyable, which an answer is not.
   auto shared = std::make_shared<Answer>(std::move(answer));
   io->loop.post([io = io.get(), command = std::move(command), shared] {
-    io->send(command, std::move(*shared));
+    io->perform(command, std::move(*shared));
   });
 }
 

@@ -5,6 +5,7 @@
 #include <systemd/sd-event.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -26,10 +27,8 @@ void check(int r, const char* call) {
   }
 }
 
-/// Hands `work` over to an event source, which the loop owns from now on.
-void adopt(sd_event_source* source, Work* work) {
-  sd_event_source_set_destroy_callback(source, [](void* data) { delete static_cast<Work*>(data); });
-  sd_event_source_set_userdata(source, work);
+/// Leaves an event source to its loop.
+void leaveToLoop(sd_event_source* source) {
   sd_event_source_set_floating(source, 1);
   sd_event_source_unref(source);
 }
@@ -42,6 +41,13 @@ EventLoop::EventLoop() {
   sd_event* loop = nullptr;
   check(sd_event_new(&loop), "sd_event_new");
   event.reset(loop);
+  const auto elapsed = [](sd_event_source*, std::uint64_t, void* self) {
+    static_cast<EventLoop*>(self)->runElapsed();
+    return 0;
+  };
+  check(sd_event_add_time(loop, &timer, CLOCK_MONOTONIC, UINT64_MAX, kAccuracy, elapsed, this),
+        "sd_event_add_time");
+  leaveToLoop(timer);
   wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   check(wakeUp < 0 ? -errno : 0, "eventfd");
   const auto served = [](sd_event_source*, int, std::uint32_t, void* self) {
@@ -60,7 +66,16 @@ EventLoop::~EventLoop() {
   close(wakeUp);
 }
 
-void EventLoop::run() { check(sd_event_loop(event.get()), "sd_event_loop"); }
+void EventLoop::run() {
+  const int r = sd_event_loop(event.get());
+  std::deque<Work> unrun;
+  {
+    const std::lock_guard lock(mutex);
+    ended = true;
+    unrun.swap(posted);
+  }
+  check(r, "sd_event_loop");
+}
 
 void EventLoop::stop() {
   post([this] { sd_event_exit(event.get(), 0); });
@@ -68,8 +83,10 @@ void EventLoop::stop() {
 
 void EventLoop::post(Work work) {
   const std::lock_guard lock(mutex);
-  posted.push_back(std::move(work));
-  eventfd_write(wakeUp, 1);
+  if (!ended) {
+    posted.push_back(std::move(work));
+    eventfd_write(wakeUp, 1);
+  }
 }
 
 void EventLoop::runPosted() {
@@ -86,17 +103,30 @@ void EventLoop::runPosted() {
 }
 
 void EventLoop::after(std::chrono::milliseconds delay, Work work) {
-  const auto elapsed = [](sd_event_source*, std::uint64_t, void* data) {
-    (*static_cast<Work*>(data))();
-    return 0;
-  };
-  const auto microseconds = std::chrono::microseconds(delay);
-  sd_event_source* source = nullptr;
-  check(sd_event_add_time_relative(event.get(), &source, CLOCK_MONOTONIC,
-                                   static_cast<std::uint64_t>(microseconds.count()), kAccuracy,
-                                   elapsed, nullptr),
-        "sd_event_add_time_relative");
-  adopt(source, new Work(std::move(work)));
+  delayed.emplace(Clock::now() + delay, std::move(work));
+  setTimer();
+}
+
+void EventLoop::setTimer() {
+  const auto left =
+      std::chrono::ceil<std::chrono::microseconds>(delayed.begin()->first - Clock::now());
+  sd_event_source_set_time_relative(
+      timer, static_cast<std::uint64_t>(std::max<std::int64_t>(left.count(), 0)));
+  sd_event_source_set_enabled(timer, SD_EVENT_ONESHOT);
+}
+
+void EventLoop::runElapsed() {
+  const auto elapsed = delayed.upper_bound(Clock::now());
+  std::multimap<Clock::time_point, Work> batch;
+  while (delayed.begin() != elapsed) {
+    batch.insert(delayed.extract(delayed.begin()));
+  }
+  for (const auto& [time, work] : batch) {
+    work();
+  }
+  if (!delayed.empty()) {
+    setTimer();
+  }
 }
 
 void EventLoop::onSignal(int signal, Work work) {
@@ -110,7 +140,9 @@ void EventLoop::onSignal(int signal, Work work) {
   };
   sd_event_source* source = nullptr;
   check(sd_event_add_signal(event.get(), &source, signal, arrived, nullptr), "sd_event_add_signal");
-  adopt(source, new Work(std::move(work)));
+  sd_event_source_set_userdata(source, new Work(std::move(work)));
+  sd_event_source_set_destroy_callback(source, [](void* data) { delete static_cast<Work*>(data); });
+  leaveToLoop(source);
 }
 
 }  // namespace dbus

@@ -3,10 +3,12 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 
 struct sd_event;
+struct sd_event_source;
 
 namespace dbus {
 
@@ -28,7 +30,7 @@ class EventLoop {
   void stop();
 
   /// Has `work` run on the loop's thread, behind everything posted earlier. Callable from any
-  /// thread; what has not run when the loop is destroyed is destroyed with it.
+  /// thread. What has not run when `run` ends is destroyed unrun, as is what is posted after that.
   void post(std::function<void()> work);
 
   /// Has `work` run once after `delay`. REQUIRES: the loop's thread.
@@ -46,12 +48,19 @@ class EventLoop {
     void operator()(sd_event* loop) const;
   };
 
+  using Clock = std::chrono::steady_clock;
+
   void runPosted();
+  void runElapsed();
+  void setTimer();
 
   std::unique_ptr<sd_event, EventUnref> event;
-  int wakeUp = -1;  // eventfd(2), readable while there is posted work
+  int wakeUp = -1;                   // eventfd(2), readable while there is posted work
+  sd_event_source* timer = nullptr;  // of `event`; set for the first of `delayed`
+  std::multimap<Clock::time_point, std::function<void()>> delayed;  // by when it is to run
   std::mutex mutex;
   std::deque<std::function<void()>> posted;  // guarded by `mutex`
+  bool ended = false;                        // `run` has; guarded by `mutex`
 };
 
 }  // namespace dbus

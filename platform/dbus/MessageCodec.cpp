@@ -297,10 +297,15 @@ int sendReply(sd_bus_message* reply, const CommandResult& result, const MessageV
   return r < 0 ? r : sd_bus_message_send(reply);
 }
 
-CommandResult readReply(sd_bus_message* answer, const Peer& peer, MessageValue& reply) {
-  reply = MessageValue();
+CommandResult readReply(sd_bus_message* answer, const Peer& peer,
+                        std::optional<MessageValue>& reply) {
+  reply.reset();
   if (const sd_bus_error* error = sd_bus_message_get_error(answer)) {
-    return resultOf(*error, peer);
+    CommandResult result = resultOf(*error, peer);
+    if (result.status == peer.notRunning && !isFromBus(answer)) {
+      result.status = kst::kResultCallFailed;
+    }
+    return result;
   }
   CommandResult malformed{kst::kResultMalformedReply, "the service's reply is malformed"};
   if (sd_bus_message_has_signature(answer, "isv") <= 0) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 
 #include "platform/dbus/Command.h"
 #include "platform/dbus/Peer.h"
@@ -31,9 +32,10 @@ CommandResult readCall(sd_bus_message* call, const Peer& peer, Command& command)
 /// dictionary; bytes of the result's text that no message can carry as '?'.
 int sendReply(sd_bus_message* reply, const CommandResult& result, const MessageValue& value);
 
-/// Reads the answer to a call, be it a reply or an error of the bus. `reply` is null unless there
-/// was a well-formed one.
-CommandResult readReply(sd_bus_message* answer, const Peer& peer, MessageValue& reply);
+/// Reads the answer to a call, be it a reply or an error. `reply` is nothing unless there was a
+/// well-formed one. Only the bus is believed that the service is not there.
+CommandResult readReply(sd_bus_message* answer, const Peer& peer,
+                        std::optional<MessageValue>& reply);
 
 /// What an error of the bus means to the caller of `peer`.
 CommandResult resultOf(const sd_bus_error& error, const Peer& peer);

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <string_view>
 
 namespace dbus {
 
@@ -32,6 +33,11 @@ int processUntil(sd_bus* bus, std::chrono::microseconds limit, State state) {
 }
 
 }  // namespace
+
+bool isFromBus(sd_bus_message* message) {
+  const char* sender = sd_bus_message_get_sender(message);
+  return sender && sender == std::string_view(kBusService);
+}
 
 int awaitReady(sd_bus* bus, std::chrono::microseconds limit) {
   return processUntil(bus, limit, [bus] { return sd_bus_is_ready(bus); });

@@ -33,6 +33,10 @@ using SlotPtr = std::unique_ptr<sd_bus_slot, SlotDeleter>;
 inline constexpr const char* kBusService = "org.freedesktop.DBus";
 inline constexpr const char* kBusPath = "/org/freedesktop/DBus";
 
+/// Whether the bus itself sent `message`. A match on the sender does not tell: sd-bus lets signals
+/// of any client through to one that asks for a well-known name.
+bool isFromBus(sd_bus_message* message);
+
 /// Waits until the bus has taken the connection in; a negative errno when it has not by then.
 /// Callbacks of the connection may run meanwhile; so for `flush`.
 int awaitReady(sd_bus* bus, std::chrono::microseconds limit);

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -35,13 +34,6 @@ void check(int r, const std::string& step) {
   if (r < 0) {
     throw std::system_error(-r, std::generic_category(), step);
   }
-}
-
-/// Whether the bus itself sent `message`. A match on the sender does not tell: sd-bus lets signals
-/// of any client through to one that asks for a well-known name.
-bool isFromBus(sd_bus_message* message) {
-  const char* sender = sd_bus_message_get_sender(message);
-  return sender && sender == std::string_view(kBusService);
 }
 
 }  // namespace
@@ -129,14 +121,15 @@ std::shared_ptr<PerformCall> Service::Connection::addUnanswered(const char* call
                                                                 MessagePtr reply) {
   const std::uint64_t identifier = ++lastIdentifier;
   // The answer may come from another thread, and when this has gone.
-  auto call = std::make_shared<PerformCall>([&eventLoop = loop, watched = weak_from_this(),
-                                             identifier](CommandResult result, MessageValue value) {
-    eventLoop.post([watched, identifier, result = std::move(result), value = std::move(value)] {
-      if (const auto connection = watched.lock()) {
-        connection->sendAnswer(identifier, result, value);
-      }
-    });
-  });
+  auto call =
+      std::make_shared<PerformCall>([&eventLoop = loop, watched = weak_from_this(), identifier](
+                                        CommandResult result, std::optional<MessageValue> value) {
+        eventLoop.post([watched, identifier, result = std::move(result), value = std::move(value)] {
+          if (const auto connection = watched.lock()) {
+            connection->sendAnswer(identifier, result, value.value_or(MessageValue()));
+          }
+        });
+      });
   unanswered.emplace(identifier, Unanswered{callerName, std::move(reply), call});
   return call;
 }

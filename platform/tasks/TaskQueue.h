@@ -14,7 +14,7 @@ class TaskQueue {
   TaskQueue() = default;
 
   /// Starts a queue. `label` names its thread for debuggers (the system keeps the first 15 bytes of
-  /// it). Throws std::system_error when the system has no thread left.
+  /// it). Where the system has no thread left, the main loop does the queue's work.
   static TaskQueue create(const std::string& label);
 
   /// Has `work` run, and destroyed right after, on the queue's thread, behind everything submitted

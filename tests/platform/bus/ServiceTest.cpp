@@ -105,8 +105,8 @@ class Client {
 
   void leave() { sd_bus_flush_close_unref(bus.release()); }
 
-  CommandResult result;  ///< of the last answer
-  MessageValue reply;    ///< of the last answer
+  CommandResult result;               ///< of the last answer
+  std::optional<MessageValue> reply;  ///< of the last answer
 
  private:
   dbus::BusPtr bus;
