@@ -2,16 +2,23 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <optional>
 #include <utility>
 
-#include "platform/tasks/WorkList.h"
 #include "tests/platform/bus/Mailbox.h"
 #include "tests/platform/bus/PrivateBus.h"
 #include "tests/platform/bus/ScriptedService.h"
+#include "tests/platform/bus/SilentBus.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
@@ -48,17 +55,21 @@ class ManagerClientTest : public testing::Test {
                                 {});
   }
 
-  void watch() {
+  void watch(bool on = true) {
     kst::client::RegisterEventHandler(
         manager, kst::kEventServerStateChange,
         [this](const MessageValue& payload, const TaskGroup& /*group*/) {
-          states.put(payload.dictionary()->text(kst::kKeyServerState, "no text"));
+          const std::string state = payload.dictionary()->text(kst::kKeyServerState, "no text");
+          isStopped = state == kst::kServerStateStopped;
+          states.put(state);
         });
+    on ? kst::client::EventsOn(manager) : kst::client::EventsOff(manager);
   }
 
   PrivateBus bus;
   Mailbox<Outcome> outcomes;
   Mailbox<std::string> states;
+  std::atomic<bool> isStopped = false;
   TaskQueue queue = TaskQueue::create("test.queue");
   std::shared_ptr<ManagerClient> manager;
 };
@@ -121,6 +132,15 @@ TEST_F(ManagerClientTest, EveryAnswerBecomesAStatusAndAReply) {
        {}},
       {"denied", error(SD_BUS_ERROR_ACCESS_DENIED), kst::kResultAccessDenied, {}},
       {"unknown method", error(SD_BUS_ERROR_UNKNOWN_METHOD), kst::kResultCallFailed, {}},
+      {"a service that is not there, by its own word",
+       [](sd_bus_message* call) {
+         sd_bus_reply_method_return(call, "isv", kst::kResultManagerNotRunning, "", "s", "r");
+       },
+       kst::kResultManagerNotRunning, "r"},
+      {"one that the service asks for",
+       error(SD_BUS_ERROR_SERVICE_UNKNOWN),
+       kst::kResultCallFailed,
+       {}},
   };
   bus.start();
   connect();
@@ -128,10 +148,10 @@ TEST_F(ManagerClientTest, EveryAnswerBecomesAStatusAndAReply) {
     SCOPED_TRACE(test.name);
     const ScriptedService service(dbus::kManager, test.script);
     MessageValue reply = "old";
-    const CommandResult result = performAndWait("Any", reply);
+    const CommandResult result = performAndWait(kst::kCommandGetTraceProperty, reply);
     EXPECT_EQ(result.status, test.status) << result.text;
     EXPECT_EQ(reply, test.reply);
-    perform("Any");
+    perform(kst::kCommandGetTraceProperty);
     const std::optional<Outcome> outcome = outcomes.next();
     ASSERT_TRUE(outcome);
     EXPECT_EQ(outcome->first.status, test.status);
@@ -172,17 +192,25 @@ TEST_F(ManagerClientTest, RequestArrivesWholeAndStartsNoService) {
   EXPECT_EQ(seen.next(), "test Command z:s flag:b number:x a:a{sv}");
 }
 
-TEST_F(ManagerClientTest, WithoutAServiceNothingRunsAndTraceSettingsComeFromTheDevice) {
-  const std::string config = testing::TempDir() + "/manager_client_test.conf";
-  std::ofstream(config) << "trace.BasebandTrace.Enabled = true\n";
-  setenv("KESTRANE_DEVICE_CONF", config.c_str(), 1);
-  MessageDict request = dictOf(kst::kKeyTraceName, kst::kTraceBaseband);
-  request.set(kst::kKeyTracePropertyName, kst::kKeyTraceEnabled);
+/// A device on which baseband tracing is on, and the question for that.
+struct TraceSetting {
+  TraceSetting() {
+    std::ofstream(path) << "trace.BasebandTrace.Enabled = true\n";
+    setenv("KESTRANE_DEVICE_CONF", path.c_str(), 1);
+    request = dictOf(kst::kKeyTraceName, kst::kTraceBaseband);
+    request.set(kst::kKeyTracePropertyName, kst::kKeyTraceEnabled);
+  }
 
+  const TemporaryDirectory directory;
+  const std::string path = directory / "device.conf";
+  MessageDict request;
+};
+
+TEST_F(ManagerClientTest, WithoutAServiceNothingRunsAndTraceSettingsComeFromTheDevice) {
+  const TraceSetting setting;
   const std::pair<const char*, std::function<void()>> cases[] = {
       {"no bus", [] {}},
       {"a bus without the service", [&] { bus.start(); }},
-      {"a bus that answers nothing", [&] { bus.freeze(); }},
   };
   for (const auto& [name, prepare] : cases) {
     SCOPED_TRACE(name);
@@ -191,14 +219,14 @@ TEST_F(ManagerClientTest, WithoutAServiceNothingRunsAndTraceSettingsComeFromTheD
     MessageValue reply;
     EXPECT_EQ(performAndWait("Any", reply).status, kst::kResultManagerNotRunning);
     EXPECT_TRUE(reply.isNull());
-    EXPECT_EQ(performAndWait(kst::kCommandGetTraceProperty, reply, request).status, 0);
+    EXPECT_EQ(performAndWait(kst::kCommandGetTraceProperty, reply, setting.request).status, 0);
     EXPECT_EQ(reply, MessageValue(dictOf(kst::kKeyTracePropertyValue, "true")));
     EXPECT_EQ(performAndWait(kst::kCommandGetTraceProperty, reply).status, 0);
     EXPECT_EQ(reply, MessageValue(MessageDict()));
   }
 }
 
-TEST_F(ManagerClientTest, LostReplyCallsBackOnceOnTheQueue) {
+TEST_F(ManagerClientTest, LostReplyCallsBackOnceOnTheQueueWhenTheStateIsTold) {
   std::promise<std::thread::id> queueThread;
   queue.submit([&] { queueThread.set_value(std::this_thread::get_id()); });
   const std::thread::id onQueue = queueThread.get_future().get();
@@ -216,23 +244,215 @@ TEST_F(ManagerClientTest, LostReplyCallsBackOnceOnTheQueue) {
     service.reset();
     service.emplace(dbus::kManager, [&](sd_bus_message*) { received.put(true); });
     connect();
+    watch();
+    EXPECT_EQ(states.next(), "Started");
     Mailbox<bool> destroyedOnQueue;
     std::shared_ptr<void> token(
         nullptr, [&](void*) { destroyedOnQueue.put(std::this_thread::get_id() == onQueue); });
+    Mailbox<bool> toldBefore;
     kst::client::PerformCommand(
         manager, "Any",
         [&, token = std::move(token)](const CommandResult& result, const MessageValue& reply) {
+          toldBefore.put(isStopped);
           outcomes.put({result, reply});
         },
         {});
     ASSERT_TRUE(received.next());
+    std::future<void> blocked;
+    if (name != losses[2].first) {  // a call that waits keeps the client
+      blocked = std::async(std::launch::async, [&, client = manager] {
+        MessageValue reply;
+        EXPECT_EQ(kst::client::PerformCommand(client, "Any", {}, reply).status,
+                  kst::kResultReplyLost);
+        EXPECT_TRUE(isStopped);
+      });
+      ASSERT_TRUE(received.next());
+    }
     lose();
     const std::optional<Outcome> outcome = outcomes.next();
     ASSERT_TRUE(outcome);
     EXPECT_EQ(outcome->first.status, kst::kResultReplyLost) << outcome->first.text;
     EXPECT_TRUE(outcome->second.isNull());
+    EXPECT_EQ(toldBefore.next(), blocked.valid());
     EXPECT_EQ(destroyedOnQueue.next(), true);
     EXPECT_FALSE(outcomes.next(std::chrono::milliseconds(0))) << "called twice";
+    if (blocked.valid()) {
+      blocked.wait();
+      EXPECT_EQ(states.next(), kst::kServerStateStopped);
+    }
+  }
+}
+
+TEST_F(ManagerClientTest, WhoNeverAnswersIsNotWaitedForLong) {
+  constexpr std::size_t kAnswersToKnowTheOwner = 4;
+  const TraceSetting setting;
+  SilentBus silent;
+  std::vector<std::shared_ptr<ManagerClient>> clients;
+  std::vector<std::future<CommandResult>> results;
+  for (std::size_t i = 0; i <= kAnswersToKnowTheOwner; ++i) {
+    clients.push_back(kst::client::CreateManager("test", queue));
+    ASSERT_TRUE(silent.connected.next());
+    results.push_back(std::async(std::launch::async, [client = clients.back()] {
+      MessageValue reply;
+      return kst::client::PerformCommand(client, "Any", {}, reply);
+    }));
+  }
+  for (std::size_t i = 0; i < clients.size(); ++i) {
+    SCOPED_TRACE(i);
+    const std::int32_t status =
+        i < kAnswersToKnowTheOwner ? kst::kResultManagerNotRunning : kst::kResultCallFailed;
+    ASSERT_EQ(results[i].wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(results[i].get().status, status);
+    // Whoever asks again does not wait again.
+    MessageValue reply;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(kst::client::PerformCommand(clients[i], kst::kCommandGetTraceProperty,
+                                          setting.request, reply)
+                  .status,
+              i < kAnswersToKnowTheOwner ? 0 : status);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_EQ(reply.dictionary() != nullptr, i < kAnswersToKnowTheOwner);
+  }
+}
+
+TEST_F(ManagerClientTest, NobodyElseIsBelieved) {
+  bus.start();
+  Mailbox<std::string> callers;
+  ScriptedService service(dbus::kManager, [&](sd_bus_message* call) {
+    callers.put(sd_bus_message_get_sender(call));
+    sd_bus_reply_method_return(call, "isv", 0, "", "s", "");
+  });
+  connect();
+  watch();
+  EXPECT_EQ(states.next(), "Started");
+  MessageValue reply;
+  EXPECT_EQ(performAndWait("Any", reply).status, 0);
+  const std::string client = callers.next().value_or("");
+
+  sd_bus* opened = nullptr;
+  ASSERT_GE(sd_bus_open_system(&opened), 0);
+  const dbus::BusPtr forger(opened);
+  const auto forge = [&](const char* path, const char* interface, const char* member,
+                         const char* types, auto... values) {
+    sd_bus_message* made = nullptr;
+    sd_bus_message_new_signal(opened, &made, path, interface, member);
+    const dbus::MessagePtr signal(made);
+    sd_bus_message_append(made, types, values...);
+    sd_bus_send_to(opened, made, client.c_str(), nullptr);
+  };
+  const char* const name = dbus::kManager.service;
+  forge(dbus::kBusPath, dbus::kBusService, "NameOwnerChanged", "sss", name, ":1.0", "");
+  forge(dbus::kManager.path, "org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as",
+        dbus::kManager.interface, 1, dbus::kServerStateProperty, "s", "Forged", 0);
+  sd_bus_call_method(opened, dbus::kBusService, dbus::kBusPath, dbus::kBusService, "GetId", nullptr,
+                     nullptr, nullptr);  // the bus has passed them on
+
+  EXPECT_EQ(performAndWait("Any", reply).status, 0);
+  service.setState("Stopping");
+  EXPECT_EQ(states.next(), "Stopping");
+}
+
+/// Keeps questions until they are answered one by one.
+class Questions {
+ public:
+  ScriptedService::Script keep() {
+    return [this](sd_bus_message* question) {
+      kept.put(std::shared_ptr<sd_bus_message>(sd_bus_message_ref(question), sd_bus_message_unref));
+    };
+  }
+
+  /// Has `service` answer the next question.
+  void answer(ScriptedService& service, const std::string& state) {
+    service.run([question = kept.next().value(), state]() mutable {
+      sd_bus_reply_method_return(question.get(), "v", "s", state.c_str());
+      question.reset();
+    });
+  }
+
+  [[nodiscard]] bool isEmpty() { return !kept.next(std::chrono::milliseconds(100)); }
+
+ private:
+  Mailbox<std::shared_ptr<sd_bus_message>> kept;
+};
+
+TEST_F(ManagerClientTest, TheStateIsHeardWhateverElseIsAnnounced) {
+  bus.start();
+  Questions questions;
+  ScriptedService service(dbus::kManager, kSilent, "", questions.keep());
+  connect();
+  watch();
+  service.announce("Other", "value");
+  service.announce("Other", std::nullopt);
+  questions.answer(service, "Starting");
+  EXPECT_EQ(states.next(), "Starting");
+  EXPECT_TRUE(questions.isEmpty());
+  service.announce(dbus::kServerStateProperty, std::nullopt);
+  questions.answer(service, "Started");
+  EXPECT_EQ(states.next(), "Started");
+}
+
+TEST_F(ManagerClientTest, AHandoverIsAServiceThatGoesAndOneThatComes) {
+  bus.start();
+  const ScriptedService first(dbus::kManager, kSilent);
+  connect();
+  watch();
+  EXPECT_EQ(states.next(), "Started");
+  Questions questions;
+  ScriptedService second(
+      dbus::kManager,
+      [](sd_bus_message* call) { sd_bus_reply_method_return(call, "isv", -7, "", "s", ""); }, "",
+      questions.keep());
+  EXPECT_EQ(states.next(), kst::kServerStateStopped);
+  perform("Any");
+  questions.answer(second, "Starting");
+  EXPECT_EQ(states.next(), "Starting");
+  const std::optional<Outcome> outcome = outcomes.next();
+  ASSERT_TRUE(outcome);
+  EXPECT_EQ(outcome->first.status, -7);
+}
+
+TEST_F(ManagerClientTest, WithoutDescriptorsThereIsNoBus) {
+  bus.start();
+  const ScriptedService service(dbus::kManager, [](sd_bus_message* call) {
+    sd_bus_reply_method_return(call, "isv", 0, "", "s", "");
+  });
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  for (rlim_t spare = 0; spare < 8; ++spare) {
+    SCOPED_TRACE(spare);
+    const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(next);
+    const rlimit few{static_cast<rlim_t>(next) + spare, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    connect();
+    MessageValue reply;
+    const std::int32_t status = performAndWait("Any", reply).status;
+    EXPECT_TRUE(status == kst::kResultManagerNotRunning || (status == 0 && spare > 3)) << status;
+    manager.reset();
+    setrlimit(RLIMIT_NOFILE, &before);
+  }
+}
+
+/// Makes every epoll(7) instance of the process useless.
+void breakEventLoops() {
+  const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry, gone).string().ends_with("[eventpoll]")) {
+      dup3(other, std::stoi(entry.path().filename()), O_CLOEXEC);
+    }
+  }
+  close(other);
+}
+
+TEST_F(ManagerClientTest, ALoopThatCannotGoOnAnswersEveryCall) {
+  connect();
+  watch();
+  EXPECT_EQ(states.next(), kst::kServerStateStopped);
+  breakEventLoops();
+  for (int i = 0; i < 3; ++i) {
+    MessageValue reply;
+    EXPECT_NE(performAndWait("Any", reply).status, 0);
   }
 }
 
@@ -240,7 +460,7 @@ TEST_F(ManagerClientTest, EventsFollowTheService) {
   bus.start();
   std::optional<ScriptedService> service(std::in_place, dbus::kManager, kSilent, "Starting");
   connect();
-  watch();
+  watch(false);
   EXPECT_FALSE(states.next(std::chrono::milliseconds(100))) << "events are off at first";
   kst::client::EventsOn(manager);
   EXPECT_EQ(states.next(), "Starting");
@@ -268,7 +488,6 @@ TEST_F(ManagerClientTest, EventsFollowTheService) {
 TEST_F(ManagerClientTest, ConnectsWhenABusAppearsAndAgainWhenItComesBack) {
   connect();
   watch();
-  kst::client::EventsOn(manager);
   EXPECT_EQ(states.next(), kst::kServerStateStopped);
   for (int round = 0; round < 2; ++round) {
     bus.start();

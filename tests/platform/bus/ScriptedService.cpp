@@ -3,14 +3,17 @@
 #include <stdexcept>
 #include <utility>
 
-ScriptedService::ScriptedService(const dbus::Peer& ownPeer, Script script, const std::string& state)
-    : peer(ownPeer), perform(std::move(script)), serverState(state) {
+ScriptedService::ScriptedService(const dbus::Peer& ownPeer, Script script, const std::string& state,
+                                 Script tell)
+    : peer(ownPeer), perform(std::move(script)), tellState(std::move(tell)), serverState(state) {
   sd_bus* opened = nullptr;
   int r = sd_bus_open_system(&opened);
   bus.reset(opened);
   r = r < 0 ? r : sd_bus_attach_event(opened, loop.native(), SD_EVENT_PRIORITY_NORMAL);
   r = r < 0 ? r : sd_bus_add_object(opened, nullptr, peer.path, onMessage, this);
-  r = r < 0 ? r : sd_bus_request_name(opened, peer.service, 0);
+  r = r < 0 ? r
+            : sd_bus_request_name(opened, peer.service,
+                                  SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING);
   if (r < 0) {
     throw std::runtime_error("the scripted service gets no place on the bus");
   }
@@ -23,11 +26,22 @@ ScriptedService::~ScriptedService() {
 }
 
 void ScriptedService::setState(const std::string& state) {
-  loop.post([this, state] {
-    serverState = state;
-    sd_bus_emit_signal(bus.get(), peer.path, "org.freedesktop.DBus.Properties", "PropertiesChanged",
-                       "sa{sv}as", peer.interface, 1, dbus::kServerStateProperty, "s",
-                       state.c_str(), 0);
+  loop.post([this, state] { serverState = state; });
+  announce(dbus::kServerStateProperty, state);
+}
+
+void ScriptedService::announce(const char* property, const std::optional<std::string>& value) {
+  loop.post([this, property, value] {
+    sd_bus_message* made = nullptr;
+    sd_bus_message_new_signal(bus.get(), &made, peer.path, "org.freedesktop.DBus.Properties",
+                              "PropertiesChanged");
+    const dbus::MessagePtr signal(made);
+    if (value) {
+      sd_bus_message_append(made, "sa{sv}as", peer.interface, 1, property, "s", value->c_str(), 0);
+    } else {
+      sd_bus_message_append(made, "sa{sv}as", peer.interface, 0, 2, "Other", property);
+    }
+    sd_bus_send(bus.get(), made, nullptr);
   });
 }
 
@@ -38,6 +52,10 @@ int ScriptedService::onMessage(sd_bus_message* message, void* self, sd_bus_error
     return 1;
   }
   if (sd_bus_message_is_method_call(message, "org.freedesktop.DBus.Properties", "Get") > 0) {
+    if (service.tellState) {
+      service.tellState(message);
+      return 1;
+    }
     return sd_bus_reply_method_return(message, "v", "s", service.serverState.c_str());
   }
   return 0;

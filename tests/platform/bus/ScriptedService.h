@@ -3,6 +3,7 @@
 #include <systemd/sd-bus.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -10,14 +11,16 @@
 #include "platform/dbus/Peer.h"
 #include "platform/dbus/SdBus.h"
 
-/// A service that answers `Perform` in any way that the wire allows, wrong ones included. Goes off
-/// the bus, without a word, when destroyed.
+/// A service that answers `Perform` in any way that the wire allows, wrong ones included. Takes the
+/// name from another one; goes off the bus, without a word, when destroyed.
 class ScriptedService {
  public:
   /// Answers a call, or leaves it unanswered; called on the service's thread.
   using Script = std::function<void(sd_bus_message* call)>;
 
-  ScriptedService(const dbus::Peer& ownPeer, Script script, const std::string& state = "Started");
+  /// `tell` answers who asks for the state, instead of this.
+  ScriptedService(const dbus::Peer& ownPeer, Script script, const std::string& state = "Started",
+                  Script tell = {});
   ScriptedService(const ScriptedService&) = delete;
   ScriptedService& operator=(const ScriptedService&) = delete;
   ~ScriptedService();
@@ -25,11 +28,18 @@ class ScriptedService {
   /// Changes the server state and announces it. Several changes come out in order.
   void setState(const std::string& state);
 
+  /// Announces that a property has this value, or, without one, has some other.
+  void announce(const char* property, const std::optional<std::string>& value);
+
+  /// Runs `work` on the service's thread.
+  void run(std::function<void()> work) { loop.post(std::move(work)); }
+
  private:
   static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
 
   const dbus::Peer peer;
   const Script perform;
+  const Script tellState;
   std::string serverState;  // on the service's thread
   dbus::EventLoop loop;
   dbus::BusPtr bus;

@@ -397,6 +397,24 @@ TEST_F(ServiceTest, StartFailsWhenTheBusDoesNotAnswer) {
   EXPECT_LT(steady_clock::now() - start, seconds(8));
 }
 
+TEST(EventLoopTest, DelayedWorkRunsInOrderAndGoes) {
+  dbus::EventLoop loop;
+  std::string order;
+  const auto held = std::make_shared<bool>();
+  loop.after(std::chrono::milliseconds(30), [&] {
+    order += "c";
+    EXPECT_EQ(held.use_count(), 1);
+    loop.stop();
+  });
+  loop.after(std::chrono::milliseconds(10), [&] { order += "b"; });
+  loop.after(std::chrono::milliseconds(0), [&, held] {
+    order += "a";
+    loop.after(std::chrono::hours(1), [&] { order += "d"; });
+  });
+  loop.run();
+  EXPECT_EQ(order, "abc");
+}
+
 TEST(EventLoopTest, RunTellsThatItCannotWait) {
   dbus::EventLoop ended;
   ended.stop();
