@@ -148,7 +148,7 @@ void PerformCommand(std::shared_ptr<ManagerClient> manager, const std::string& c
                   callback = std::move(callback), result = std::move(result),
                   reply = std::move(reply)]() mutable {
       answerWhileNotRunning(command, request, result, reply);
-      callback(result, reply.value_or(MessageValue()));
+      callback(result, std::move(reply).value_or(MessageValue()));
     });
   };
   manager->perform(command, request, std::move(answered));

@@ -18,6 +18,24 @@ TEST(MessageDict, KeepsTheOrderInWhichKeysWereFirstSet) {
   EXPECT_EQ(copy.entries(), (std::vector<MessageDict::Entry>{{"b", "1"}, {"a", true}}));
 }
 
+TEST(MessageDict, AMillionKeysAreFewEnough) {
+  constexpr std::int64_t kKeys = 1'000'000;
+  MessageDict dict;
+  for (int round = 0; round < 2; ++round) {  // the second one finds them all
+    for (std::int64_t i = 0; i < kKeys; ++i) {
+      dict.set(std::to_string(i), i + round);
+    }
+    ASSERT_EQ(dict.entries().size(), kKeys);
+    MessageDict copy = dict;
+    copy.set("0", "copied");
+    copy.set("new", true);
+    EXPECT_EQ(copy.entries().size(), kKeys + 1);
+    for (const std::int64_t i : {std::int64_t{0}, std::int64_t{40}, kKeys - 1}) {
+      EXPECT_EQ(dict.entries()[i], MessageDict::Entry(std::to_string(i), i + round));
+    }
+  }
+}
+
 TEST(MessageDict, TypedReadsFallBackOnOtherKinds) {
   const struct {
     MessageValue value;
