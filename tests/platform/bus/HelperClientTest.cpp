@@ -17,16 +17,10 @@ TEST(HelperClientTest, EveryFailureIsToldAndLeavesTheReplyEmpty) {
     std::string timestamp;
   };
   const Case cases[] = {
-      {"success",
-       [](sd_bus_message* call) {
-         sd_bus_reply_method_return(call, "isv", 0, "", "a{sv}", 1, "TimestampString", "s", "now");
-       },
+      {"success", ScriptedService::reply("isv", 0, "", "a{sv}", 1, "TimestampString", "s", "now"),
        0, "now"},
-      {"no dictionary",
-       [](sd_bus_message* call) { sd_bus_reply_method_return(call, "isv", 0, "", "s", "now"); }, 0,
-       ""},
-      {"malformed", [](sd_bus_message* call) { sd_bus_reply_method_return(call, "s", "now"); },
-       kst::kResultMalformedReply, ""},
+      {"no dictionary", ScriptedService::reply("isv", 0, "", "s", "now"), 0, ""},
+      {"malformed", ScriptedService::reply("s", "now"), kst::kResultMalformedReply, ""},
       {"no answer in time", [](sd_bus_message*) {}, kst::kResultReplyLost, ""},
       {"no service", std::nullopt, kst::kResultHelperNotRunning, ""},
   };

@@ -75,6 +75,7 @@ class ManagerClientTest : public testing::Test {
 };
 
 const ScriptedService::Script kSilent = [](sd_bus_message*) {};
+const ScriptedService::Script kSuccess = ScriptedService::reply("isv", 0, "", "s", "");
 
 TEST_F(ManagerClientTest, EveryAnswerBecomesAStatusAndAReply) {
   struct Case {
@@ -83,26 +84,23 @@ TEST_F(ManagerClientTest, EveryAnswerBecomesAStatusAndAReply) {
     std::int32_t status;
     MessageValue reply;
   };
-  const auto variant = [](const char* type, auto value) {
-    return
-        [=](sd_bus_message* call) { sd_bus_reply_method_return(call, "isv", 0, "", type, value); };
+  constexpr auto reply = [](const char* types, auto... values) {
+    return ScriptedService::reply(types, values...);
   };
-  const auto error = [](const char* name) {
+  constexpr auto variant = [](const char* type, auto... values) {
+    return ScriptedService::reply("isv", 0, "", type, values...);
+  };
+  constexpr auto error = [](const char* name) {
     return [=](sd_bus_message* call) { sd_bus_reply_method_errorf(call, name, "no"); };
   };
+  MessageDict dictionary = dictOf("text", "t");
+  dictionary.set("path", {});
+  dictionary.set("nested", dictOf("flag", true));
   const Case cases[] = {
       {"dictionary",
-       [](sd_bus_message* call) {
-         sd_bus_reply_method_return(call, "isv", 0, "", "a{sv}", 3, "text", "s", "t", "path", "o",
-                                    "/p", "nested", "a{sv}", 1, "flag", "b", 1);
-       },
-       0,
-       [] {
-         MessageDict reply = dictOf("text", "t");
-         reply.set("path", {});
-         reply.set("nested", dictOf("flag", true));
-         return MessageValue(reply);
-       }()},
+       variant("a{sv}", 3, "text", "s", "t", "path", "o", "/p", "nested", "a{sv}", 1, "flag", "b",
+               1),
+       0, dictionary},
       {"text", variant("s", "plain"), 0, "plain"},
       {"unsigned byte", variant("y", 200), 0, std::int64_t{200}},
       {"negative 16 bits", variant("n", -3), 0, std::int64_t{-3}},
@@ -111,46 +109,26 @@ TEST_F(ManagerClientTest, EveryAnswerBecomesAStatusAndAReply) {
       {"unsigned 64 bits that fit", variant("t", std::uint64_t{7}), 0, std::int64_t{7}},
       {"unsigned 64 bits that do not", variant("t", UINT64_MAX), 0, {}},
       {"a kind that messages lack", variant("d", 1.5), 0, {}},
-      {"an array",
-       [](sd_bus_message* call) { sd_bus_reply_method_return(call, "isv", 0, "", "as", 1, "a"); },
-       0,
-       {}},
-      {"the service's own status",
-       [](sd_bus_message* call) { sd_bus_reply_method_return(call, "isv", -7, "why", "s", "r"); },
-       -7, "r"},
-      {"too few values",
-       [](sd_bus_message* call) { sd_bus_reply_method_return(call, "is", 0, ""); },
-       kst::kResultMalformedReply,
-       {}},
-      {"wrong types",
-       [](sd_bus_message* call) { sd_bus_reply_method_return(call, "ssv", "0", "", "s", ""); },
-       kst::kResultMalformedReply,
-       {}},
-      {"nothing",
-       [](sd_bus_message* call) { sd_bus_reply_method_return(call, ""); },
-       kst::kResultMalformedReply,
-       {}},
+      {"an array", variant("as", 1, "a"), 0, {}},
+      {"the service's own status", reply("isv", -7, "why", "s", "r"), -7, "r"},
+      {"absent by its own word", reply("isv", kst::kResultManagerNotRunning, "", "s", "r"),
+       kst::kResultManagerNotRunning, "r"},
+      {"another that is absent", error(SD_BUS_ERROR_SERVICE_UNKNOWN), kst::kResultCallFailed, {}},
+      {"too few values", reply("is", 0, ""), kst::kResultMalformedReply, {}},
+      {"wrong types", reply("ssv", "0", "", "s", ""), kst::kResultMalformedReply, {}},
+      {"nothing", reply(""), kst::kResultMalformedReply, {}},
       {"denied", error(SD_BUS_ERROR_ACCESS_DENIED), kst::kResultAccessDenied, {}},
       {"unknown method", error(SD_BUS_ERROR_UNKNOWN_METHOD), kst::kResultCallFailed, {}},
-      {"a service that is not there, by its own word",
-       [](sd_bus_message* call) {
-         sd_bus_reply_method_return(call, "isv", kst::kResultManagerNotRunning, "", "s", "r");
-       },
-       kst::kResultManagerNotRunning, "r"},
-      {"one that the service asks for",
-       error(SD_BUS_ERROR_SERVICE_UNKNOWN),
-       kst::kResultCallFailed,
-       {}},
   };
   bus.start();
   connect();
   for (const Case& test : cases) {
     SCOPED_TRACE(test.name);
     const ScriptedService service(dbus::kManager, test.script);
-    MessageValue reply = "old";
-    const CommandResult result = performAndWait(kst::kCommandGetTraceProperty, reply);
+    MessageValue value = "old";
+    const CommandResult result = performAndWait(kst::kCommandGetTraceProperty, value);
     EXPECT_EQ(result.status, test.status) << result.text;
-    EXPECT_EQ(reply, test.reply);
+    EXPECT_EQ(value, test.reply);
     perform(kst::kCommandGetTraceProperty);
     const std::optional<Outcome> outcome = outcomes.next();
     ASSERT_TRUE(outcome);
@@ -179,7 +157,7 @@ TEST_F(ManagerClientTest, RequestArrivesWholeAndStartsNoService) {
       sd_bus_message_exit_container(call);
     }
     seen.put(text);
-    sd_bus_reply_method_return(call, "isv", 0, "", "s", "");
+    kSuccess(call);
   });
   connect();
   MessageDict request = dictOf("z", std::string(1 << 20, 'x'));
@@ -320,7 +298,7 @@ TEST_F(ManagerClientTest, NobodyElseIsBelieved) {
   Mailbox<std::string> callers;
   ScriptedService service(dbus::kManager, [&](sd_bus_message* call) {
     callers.put(sd_bus_message_get_sender(call));
-    sd_bus_reply_method_return(call, "isv", 0, "", "s", "");
+    kSuccess(call);
   });
   connect();
   watch();
@@ -398,10 +376,8 @@ TEST_F(ManagerClientTest, AHandoverIsAServiceThatGoesAndOneThatComes) {
   watch();
   EXPECT_EQ(states.next(), "Started");
   Questions questions;
-  ScriptedService second(
-      dbus::kManager,
-      [](sd_bus_message* call) { sd_bus_reply_method_return(call, "isv", -7, "", "s", ""); }, "",
-      questions.keep());
+  ScriptedService second(dbus::kManager, ScriptedService::reply("isv", -7, "", "s", ""), "",
+                         questions.keep());
   EXPECT_EQ(states.next(), kst::kServerStateStopped);
   perform("Any");
   questions.answer(second, "Starting");
@@ -416,9 +392,7 @@ TEST_F(ManagerClientTest, WithoutDescriptorsThereIsNoBus) {
   GTEST_SKIP() << "the sanitizer needs descriptors for its own checks";
 #endif
   bus.start();
-  const ScriptedService service(dbus::kManager, [](sd_bus_message* call) {
-    sd_bus_reply_method_return(call, "isv", 0, "", "s", "");
-  });
+  const ScriptedService service(dbus::kManager, kSuccess);
   rlimit before{};
   getrlimit(RLIMIT_NOFILE, &before);
   for (rlim_t spare = 0; spare < 8; ++spare) {
@@ -494,9 +468,7 @@ TEST_F(ManagerClientTest, ConnectsWhenABusAppearsAndAgainWhenItComesBack) {
   EXPECT_EQ(states.next(), kst::kServerStateStopped);
   for (int round = 0; round < 2; ++round) {
     bus.start();
-    const ScriptedService service(dbus::kManager, [](sd_bus_message* call) {
-      sd_bus_reply_method_return(call, "isv", 0, "", "s", "");
-    });
+    const ScriptedService service(dbus::kManager, kSuccess);
     EXPECT_EQ(states.next(), "Started");
     MessageValue reply;
     EXPECT_EQ(performAndWait("Any", reply).status, 0);

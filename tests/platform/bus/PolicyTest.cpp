@@ -103,9 +103,7 @@ TEST(PolicyTest, RootAndTheGroupMayCallEverybodyMaySeeTheState) {
   }
   PrivateBus bus(kSystemBusDefaults + policy());
   bus.start();
-  const ScriptedService::Script answer = [](sd_bus_message* call) {
-    sd_bus_reply_method_return(call, "isv", 0, "", "s", "");
-  };
+  const auto answer = ScriptedService::reply("isv", 0, "", "s", "");
   const ScriptedService manager(dbus::kManager, answer);
   const ScriptedService helper(dbus::kHelper, answer);
 

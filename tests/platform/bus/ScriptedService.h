@@ -18,6 +18,12 @@ class ScriptedService {
   /// Answers a call, or leaves it unanswered; called on the service's thread.
   using Script = std::function<void(sd_bus_message* call)>;
 
+  /// Answers with these values.
+  template <typename... Values>
+  static Script reply(const char* types, Values... values) {
+    return [=](sd_bus_message* call) { sd_bus_reply_method_return(call, types, values...); };
+  }
+
   /// `tell` answers who asks for the state, instead of this.
   ScriptedService(const dbus::Peer& ownPeer, Script script, const std::string& state = "Started",
                   Script tell = {});
