@@ -293,6 +293,20 @@ TEST_F(ManagerClientTest, WhoNeverAnswersIsNotWaitedForLong) {
   }
 }
 
+TEST_F(ManagerClientTest, ABusThatHangsUpIsTriedAgainNowAndThen) {
+  SilentBus rude(true);
+  connect();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(rude.connected.next());
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  int attempts = 0;
+  while (rude.connected.next(std::chrono::milliseconds(0))) {
+    ++attempts;
+  }
+  EXPECT_LT(attempts, 10);
+}
+
 TEST_F(ManagerClientTest, NobodyElseIsBelieved) {
   bus.start();
   Mailbox<std::string> callers;

@@ -23,7 +23,8 @@ int answerSome(sd_bus_message* message, void* left, sd_bus_error* /*error*/) {
 
 }  // namespace
 
-SilentBus::SilentBus() : listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+SilentBus::SilentBus(bool hangsUpOnAll)
+    : hangsUp(hangsUpOnAll), listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   const std::string path = std::string(std::getenv("DBUS_SYSTEM_BUS_ADDRESS")).substr(10);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -47,6 +48,11 @@ SilentBus::~SilentBus() {
 }
 
 void SilentBus::take(int socket) {
+  connected.put(true);
+  if (hangsUp) {
+    close(socket);
+    return;
+  }
   sd_bus* end = nullptr;
   sd_bus_new(&end);
   const int before = static_cast<int>(connections.size());
@@ -58,5 +64,4 @@ void SilentBus::take(int socket) {
   sd_bus_add_filter(end, nullptr, answerSome, &connection.answersLeft);
   sd_bus_attach_event(end, loop.native(), SD_EVENT_PRIORITY_NORMAL);
   sd_bus_start(end);
-  connected.put(true);
 }

@@ -8,10 +8,11 @@
 #include "tests/platform/bus/Mailbox.h"
 
 /// A bus, at the address that DBUS_SYSTEM_BUS_ADDRESS names, that falls silent: it answers as many
-/// calls of a connection as there were connections before. Every name has an owner on it.
+/// calls of a connection as there were connections before. Every name has an owner on it. Or it
+/// hangs up on everybody.
 class SilentBus {
  public:
-  SilentBus();
+  explicit SilentBus(bool hangsUpOnAll = false);
   SilentBus(const SilentBus&) = delete;
   SilentBus& operator=(const SilentBus&) = delete;
   ~SilentBus();
@@ -26,6 +27,7 @@ class SilentBus {
 
   void take(int socket);
 
+  const bool hangsUp;
   int listener = -1;
   dbus::EventLoop loop;
   std::vector<std::unique_ptr<Connection>> connections;  // on the bus's thread
