@@ -322,9 +322,6 @@ int ClientConnection::Io::onReply(sd_bus_message* message, void* pendingCall,
 int ClientConnection::Io::onBusAnswer(sd_bus_message* message, void* self,
                                       sd_bus_error* /*error*/) {
   auto& io = *static_cast<Io*>(self);
-  if (!io.isConnected()) {
-    return 0;  // `onDisconnected` comes next
-  }
   const char* name = "";
   if (sd_bus_message_is_method_error(message, nullptr) > 0 ||
       sd_bus_message_read(message, "s", &name) < 0) {

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <future>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "tests/platform/bus/Mailbox.h"
@@ -262,12 +263,11 @@ TEST_F(ManagerClientTest, LostReplyCallsBackOnceOnTheQueueWhenTheStateIsTold) {
 }
 
 TEST_F(ManagerClientTest, WhoNeverAnswersIsNotWaitedForLong) {
-  constexpr std::size_t kAnswersToKnowTheOwner = 4;
   const TraceSetting setting;
   SilentBus silent;
   std::vector<std::shared_ptr<ManagerClient>> clients;
   std::vector<std::future<CommandResult>> results;
-  for (std::size_t i = 0; i <= kAnswersToKnowTheOwner; ++i) {
+  for (int i = 0; i <= SilentBus::kMostAnswers; ++i) {
     clients.push_back(kst::client::CreateManager("test", queue));
     ASSERT_TRUE(silent.connected.next());
     results.push_back(std::async(std::launch::async, [client = clients.back()] {
@@ -278,18 +278,26 @@ TEST_F(ManagerClientTest, WhoNeverAnswersIsNotWaitedForLong) {
   for (std::size_t i = 0; i < clients.size(); ++i) {
     SCOPED_TRACE(i);
     const std::int32_t status =
-        i < kAnswersToKnowTheOwner ? kst::kResultManagerNotRunning : kst::kResultCallFailed;
+        i < SilentBus::kMostAnswers ? kst::kResultManagerNotRunning : kst::kResultCallFailed;
     ASSERT_EQ(results[i].wait_for(std::chrono::seconds(20)), std::future_status::ready);
     EXPECT_EQ(results[i].get().status, status);
+  }
+  for (int i = 0; i < SilentBus::kMostAnswers; ++i) {
+    ASSERT_TRUE(silent.connected.next());  // once more
+  }
+  EXPECT_FALSE(silent.connected.next(std::chrono::milliseconds(500)));
+  for (std::size_t i = 0; i < clients.size(); ++i) {
+    SCOPED_TRACE(i);
     // Whoever asks again does not wait again.
+    const std::int32_t status = i < SilentBus::kMostAnswers ? 0 : kst::kResultCallFailed;
     MessageValue reply;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(kst::client::PerformCommand(clients[i], kst::kCommandGetTraceProperty,
                                           setting.request, reply)
                   .status,
-              i < kAnswersToKnowTheOwner ? 0 : status);
+              status);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-    EXPECT_EQ(reply.dictionary() != nullptr, i < kAnswersToKnowTheOwner);
+    EXPECT_EQ(reply.dictionary() != nullptr, status == 0);
   }
 }
 
@@ -375,6 +383,7 @@ TEST_F(ManagerClientTest, TheStateIsHeardWhateverElseIsAnnounced) {
   watch();
   service.announce("Other", "value");
   service.announce("Other", std::nullopt);
+  service.announce(dbus::kServerStateProperty, std::nullopt);
   questions.answer(service, "Starting");
   EXPECT_EQ(states.next(), "Starting");
   EXPECT_TRUE(questions.isEmpty());
@@ -416,6 +425,8 @@ TEST_F(ManagerClientTest, WithoutDescriptorsThereIsNoBus) {
     const rlimit few{static_cast<rlim_t>(next) + spare, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &few);
     connect();
+    watch();
+    EXPECT_TRUE(states.next());
     MessageValue reply;
     const std::int32_t status = performAndWait("Any", reply).status;
     EXPECT_TRUE(status == kst::kResultManagerNotRunning || (status == 0 && spare > 3)) << status;
@@ -424,26 +435,54 @@ TEST_F(ManagerClientTest, WithoutDescriptorsThereIsNoBus) {
   }
 }
 
-/// Makes every epoll(7) instance of the process useless.
-void breakEventLoops() {
-  const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
+std::set<int> eventLoops() {
+  std::set<int> found;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
     if (std::filesystem::read_symlink(entry, gone).string().ends_with("[eventpoll]")) {
-      dup3(other, std::stoi(entry.path().filename()), O_CLOEXEC);
+      found.insert(std::stoi(entry.path().filename()));
     }
   }
-  close(other);
+  return found;
 }
 
 TEST_F(ManagerClientTest, ALoopThatCannotGoOnAnswersEveryCall) {
+  bus.start();
+  Mailbox<bool> received;
+  const ScriptedService service(dbus::kManager, [&](sd_bus_message*) { received.put(true); });
+  const std::set<int> others = eventLoops();
   connect();
   watch();
-  EXPECT_EQ(states.next(), kst::kServerStateStopped);
-  breakEventLoops();
+  EXPECT_EQ(states.next(), "Started");
+  perform("Any");
+  ASSERT_TRUE(received.next());
+  for (const int loop : eventLoops()) {
+    if (!others.contains(loop)) {
+      dup3(STDIN_FILENO, loop, O_CLOEXEC);
+    }
+  }
   for (int i = 0; i < 3; ++i) {
     MessageValue reply;
     EXPECT_NE(performAndWait("Any", reply).status, 0);
+  }
+  EXPECT_TRUE(outcomes.next());
+  EXPECT_EQ(states.next(), kst::kServerStateStopped);
+}
+
+TEST_F(ManagerClientTest, EndsWithAFrozenBus) {
+  bus.start();
+  const ScriptedService service(dbus::kManager, kSilent);
+  connect();
+  watch();
+  EXPECT_EQ(states.next(), "Started");
+  bus.freeze();
+  kst::client::PerformCommand(
+      manager, "Any", [](const CommandResult&, const MessageValue&) {},
+      dictOf("more than a socket takes", std::string(10'000'000, 'x')));
+  auto ended = std::async(std::launch::async, [&] { manager.reset(); });
+  if (ended.wait_for(std::chrono::seconds(10)) == std::future_status::timeout) {
+    ADD_FAILURE() << "the client waits for the bus";
+    bus.kill();
   }
 }
 
@@ -451,6 +490,8 @@ TEST_F(ManagerClientTest, EventsFollowTheService) {
   bus.start();
   std::optional<ScriptedService> service(std::in_place, dbus::kManager, kSilent, "Starting");
   connect();
+  kst::client::RegisterEventHandler(manager, "Other",
+                                    [](const MessageValue&, const TaskGroup&) { ADD_FAILURE(); });
   watch(false);
   EXPECT_FALSE(states.next(std::chrono::milliseconds(100))) << "events are off at first";
   kst::client::EventsOn(manager);
@@ -466,7 +507,12 @@ TEST_F(ManagerClientTest, EventsFollowTheService) {
   service.emplace(dbus::kManager, kSilent, "Started");
   EXPECT_EQ(states.next(), "Started");
 
+  std::promise<void> gate;
+  queue.submit([&] { gate.get_future().wait(); });
+  service->setState("never delivered");
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
   kst::client::EventsOff(manager);
+  gate.set_value();
   service->setState("Stopping");
   EXPECT_FALSE(states.next(std::chrono::milliseconds(100)));
   kst::client::EventsOn(manager);

@@ -6,8 +6,8 @@
 #include <systemd/sd-id128.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -55,13 +55,13 @@ void SilentBus::take(int socket) {
   }
   sd_bus* end = nullptr;
   sd_bus_new(&end);
-  const int before = static_cast<int>(connections.size());
-  Connection& connection = *connections.emplace_back(new Connection{before, dbus::BusPtr(end)});
+  int& left = answersLeft[std::min(connections.size(), answersLeft.size() - 1)];
+  connections.emplace_back(end);
   sd_id128_t id{};
   sd_id128_randomize(&id);
   sd_bus_set_fd(end, socket, socket);
   sd_bus_set_server(end, 1, id);
-  sd_bus_add_filter(end, nullptr, answerSome, &connection.answersLeft);
+  sd_bus_add_filter(end, nullptr, answerSome, &left);
   sd_bus_attach_event(end, loop.native(), SD_EVENT_PRIORITY_NORMAL);
   sd_bus_start(end);
 }

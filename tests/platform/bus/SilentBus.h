@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <thread>
 #include <vector>
 
@@ -7,11 +8,13 @@
 #include "platform/dbus/SdBus.h"
 #include "tests/platform/bus/Mailbox.h"
 
-/// A bus, at the address that DBUS_SYSTEM_BUS_ADDRESS names, that falls silent: it answers as many
-/// calls of a connection as there were connections before. Every name has an owner on it. Or it
-/// hangs up on everybody.
+/// A bus, at the address that DBUS_SYSTEM_BUS_ADDRESS names, on which every name has an owner, and
+/// which falls silent: it answers no call of its first connection, one of the second, and so on up
+/// to `kMostAnswers`, and none of those after that. Or it hangs up on everybody.
 class SilentBus {
  public:
+  static constexpr int kMostAnswers = 4;  // enough to learn who owns a name
+
   explicit SilentBus(bool hangsUpOnAll = false);
   SilentBus(const SilentBus&) = delete;
   SilentBus& operator=(const SilentBus&) = delete;
@@ -20,16 +23,12 @@ class SilentBus {
   Mailbox<bool> connected;  ///< gets something for each connection
 
  private:
-  struct Connection {
-    int answersLeft;
-    dbus::BusPtr end;
-  };
-
   void take(int socket);
 
   const bool hangsUp;
   int listener = -1;
   dbus::EventLoop loop;
-  std::vector<std::unique_ptr<Connection>> connections;  // on the bus's thread
+  std::vector<dbus::BusPtr> connections;  // on the bus's thread
+  std::array<int, kMostAnswers + 2> answersLeft = {0, 1, 2, 3, kMostAnswers, 0};
   std::thread thread;
 };
