@@ -41,7 +41,7 @@ CommandResult HelperClient::perform(helper::TaskID task, const std::string& comm
                            std::move(request)};
   std::optional<MessageValue> value;
   CommandResult result = dbus::callBlocking(dbus::kHelper, call, limit, value);
-  const MessageDict* dictionary = value ? value->dictionary() : nullptr;
+  const MessageDict* dictionary = result.status == 0 && value ? value->dictionary() : nullptr;
   reply = dictionary ? *dictionary : MessageDict();
   if (result.status != 0 && sink) {
     sink(command + ": " + result.text);
