@@ -74,13 +74,13 @@ std::map<std::string, std::shared_ptr<CommandBase>> CommandBase::getSubCommands(
   return subCommands;
 }
 
-bool CommandBase::executeOption(const std::string& optionName, const std::list<std::string>& args) {
+bool CommandBase::executeOption(const std::string& optionName, std::list<std::string> args) {
   const auto option = options.find(optionName);
   if (option == options.end()) {
     return false;
   }
   const TaskGroup group = TaskGroup::create();
-  const bool succeeded = option->second(group, args);
+  const bool succeeded = option->second(group, std::move(args));
   group.wait();
   return succeeded;
 }

@@ -54,7 +54,7 @@ class CommandBase : public std::enable_shared_from_this<CommandBase> {
 
   /// Runs an option on the calling thread, then blocks until all work that joined the run's group
   /// has ended. Returns the handler's result; false for a name that is no option.
-  bool executeOption(const std::string& name, const std::list<std::string>& args);
+  bool executeOption(const std::string& name, std::list<std::string> args);
 
  protected:
   CommandBase(std::string nodeName, std::weak_ptr<CommandBase> parentNode);

@@ -42,7 +42,7 @@ bool CommandShell::run(std::list<std::string> args) {
 /// Executes commands up to the first one that fails or quits.
 CommandShell::Outcome CommandShell::executeAll(std::vector<Words> commands) {
   for (Words& command : commands) {
-    const Outcome outcome = execute(std::move(command));
+    const Outcome outcome = execute(command);
     currentCommand = workingCommand ? workingCommand : rootCommand;
     if (outcome != Outcome::kSucceeded) {
       return outcome;
@@ -51,7 +51,7 @@ CommandShell::Outcome CommandShell::executeAll(std::vector<Words> commands) {
   return Outcome::kSucceeded;
 }
 
-CommandShell::Outcome CommandShell::execute(Words command) {
+CommandShell::Outcome CommandShell::execute(Words& command) {
   const auto result = [](bool succeeded) {
     return succeeded ? Outcome::kSucceeded : Outcome::kFailed;
   };
@@ -69,13 +69,13 @@ CommandShell::Outcome CommandShell::execute(Words command) {
     }
     if (currentCommand->hasOption(word)) {
       return result(currentCommand->isOptionAllowed(word) &&
-                    currentCommand->executeOption(word, command));
+                    currentCommand->executeOption(word, std::move(command)));
     }
-    if (currentCommand->hasSubCommand(word)) {
+    if (std::shared_ptr<CommandBase> child = currentCommand->getSubCommand(word)) {
       if (!currentCommand->isOptionAllowed(word)) {
         return Outcome::kFailed;
       }
-      currentCommand = currentCommand->getSubCommand(word);
+      currentCommand = std::move(child);
       if (command.empty()) {
         currentCommand->printHelp();
         return Outcome::kFailed;
@@ -115,8 +115,8 @@ bool CommandShell::changeCommand(const Words& args) {
     return false;
   }
   for (const std::string& component : split(args.front(), '/')) {
-    if (currentCommand->hasSubCommand(component)) {
-      currentCommand = currentCommand->getSubCommand(component);
+    if (std::shared_ptr<CommandBase> child = currentCommand->getSubCommand(component)) {
+      currentCommand = std::move(child);
     } else if (component == "..") {
       if (std::shared_ptr<CommandBase> parent = currentCommand->getParent().lock()) {
         currentCommand = std::move(parent);
@@ -131,4 +131,9 @@ bool CommandShell::changeCommand(const Words& args) {
   return true;
 }
 
-void CommandShell::printPrompt() const { std::cout << "(" << workingCommand->getPath() << ")>> "; }
+void CommandShell::printPrompt() const {
+  std::string prompt = "(";
+  prompt += workingCommand->getPath();
+  prompt += ")>> ";
+  std::cout << prompt;  // in one piece
+}

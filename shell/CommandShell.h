@@ -33,7 +33,7 @@ class CommandShell {
   enum class Outcome { kSucceeded, kFailed, kQuit };
 
   Outcome executeAll(std::vector<Words> commands);
-  Outcome execute(Words command);
+  Outcome execute(Words& command);
   void goBack();
   bool changeCommand(const Words& args);
   void printPrompt() const;

@@ -1,7 +1,6 @@
 #include "shell/SignalHandlers.h"
 
 #include <csignal>
-#include <utility>
 
 std::map<int, std::deque<std::function<void(int)>>> gSignalHandlers;
 
@@ -12,10 +11,7 @@ void registerSignalHandler(int signal, const std::function<void(int)>& handler) 
   if (!gSignalHandlers.contains(signal)) {
     std::signal(signal, dispatchSignal);
   }
-  // A dispatch that is under way walks a copy, so it never sees a list that is being changed.
-  std::deque<std::function<void(int)>> handlers = gSignalHandlers[signal];
-  handlers.push_back(handler);
-  gSignalHandlers[signal] = std::move(handlers);
+  gSignalHandlers[signal].push_back(handler);
 }
 
 void dispatchSignal(int signal) {
@@ -23,8 +19,10 @@ void dispatchSignal(int signal) {
   if (registered == gSignalHandlers.end()) {
     return;
   }
-  const std::deque<std::function<void(int)>> handlers = registered->second;
-  for (const std::function<void(int)>& handler : handlers) {
-    handler(signal);
+  // No copy, which would allocate: a list that grows meanwhile leaves its elements where they are.
+  const std::deque<std::function<void(int)>>& handlers = registered->second;
+  const std::size_t count = handlers.size();
+  for (std::size_t i = 0; i < count; ++i) {
+    handlers[i](signal);
   }
 }

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string_view>
 
 namespace {
+
+constexpr std::string_view kSeparator = "--";
 
 /// White space of ASCII, whatever the locale.
 bool isWhitespace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
@@ -25,7 +28,7 @@ std::list<std::string> splitWords(const std::string& line) {
 std::vector<std::list<std::string>> splitCommands(std::list<std::string> words) {
   std::vector<std::list<std::string>> commands;
   while (!words.empty()) {
-    const auto separator = std::find(words.begin(), words.end(), "--");
+    const auto separator = std::find(words.begin(), words.end(), kSeparator);
     std::list<std::string> command;
     command.splice(command.end(), words, words.begin(), separator);
     if (!command.empty()) {
