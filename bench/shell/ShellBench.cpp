@@ -1,70 +1,58 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <string>
-#include <thread>
-#include <utility>
 
 #include "shell/CommandBase.h"
 #include "shell/CommandShell.h"
 
 namespace {
 
-/// While it lives, standard input is a pipe that delivers `count` lines, and standard output goes
-/// to /dev/null.
-class PipedLines {
- public:
-  PipedLines(std::int64_t count, const std::string& line)
-      : input(dup(STDIN_FILENO)), output(dup(STDOUT_FILENO)) {
-    std::array<int, 2> ends{};
-    if (pipe(ends.data()) != 0) {
+/// An unnamed file that holds `line` `count` times.
+int fileOf(std::int64_t count, const std::string& line) {
+  std::string text;
+  for (std::int64_t i = 0; i < count; ++i) {
+    text += line;
+  }
+  std::FILE* const file = std::tmpfile();  // never closed
+  if (!file || std::fwrite(text.data(), 1, text.size(), file) != text.size() ||
+      std::fflush(file) != 0) {
+    std::abort();
+  }
+  return fileno(file);
+}
+
+/// Measures whole processes that do `work`, with `input` as standard input and /dev/null as
+/// standard output. `work` returns whether it has done what it is measured for.
+void runProcesses(benchmark::State& state, int input, const std::function<bool()>& work) {
+  for ([[maybe_unused]] auto iteration : state) {
+    lseek(input, 0, SEEK_SET);
+    const pid_t child = fork();
+    if (child == 0) {
+      dup2(input, STDIN_FILENO);
+      dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+      const bool isDone = work();
+      std::cout.flush();
+      _exit(isDone ? EXIT_SUCCESS : EXIT_FAILURE);
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || status != 0) {
       std::abort();
     }
-    move(ends[0], STDIN_FILENO);
-    move(open("/dev/null", O_WRONLY), STDOUT_FILENO);
-    writer = std::thread([count, line, end = ends[1]] { write(end, count, line); });
-    std::cin.clear();
   }
-  PipedLines(const PipedLines&) = delete;
-  PipedLines& operator=(const PipedLines&) = delete;
-  ~PipedLines() {
-    writer.join();
-    std::cout.flush();
-    move(input, STDIN_FILENO);
-    move(output, STDOUT_FILENO);
-  }
+  state.SetComplexityN(state.range(0));
+}
 
- private:
-  static void move(int from, int to) {
-    dup2(from, to);
-    close(from);
-  }
+std::int64_t optionRuns = 0;
 
-  static void write(int end, std::int64_t count, const std::string& line) {
-    std::string text;
-    for (std::int64_t i = 0; i < count; ++i) {
-      text += line;
-    }
-    for (std::size_t done = 0; done < text.size();) {
-      const ssize_t n = ::write(end, text.data() + done, text.size() - done);
-      if (n < 0) {
-        std::abort();
-      }
-      done += static_cast<std::size_t>(n);
-    }
-    close(end);
-  }
-
-  int input;
-  int output;
-  std::thread writer;
-};
-
-/// A node whose options do nothing.
+/// A node whose option counts its runs.
 class Node : public CommandBase {
  public:
   static std::shared_ptr<Node> create(const std::string& nodeName,
@@ -83,7 +71,7 @@ class Node : public CommandBase {
  protected:
   void registerOptions() override {
     addOption(
-        "option", [](const TaskGroup&, const std::list<std::string>&) { return true; },
+        "option", [](const TaskGroup&, const std::list<std::string>&) { return ++optionRuns > 0; },
         "an option");
   }
 
@@ -104,23 +92,23 @@ constexpr const char* kLine = "group option word word\n";
 constexpr const char* kPrompt = "(/ksttool)>> ";
 
 void runShell(benchmark::State& state) {
-  for ([[maybe_unused]] auto iteration : state) {
-    const PipedLines lines(state.range(0), kLine);
+  runProcesses(state, fileOf(state.range(0), kLine), [&] {
     Shell().run({"ksttool"});
-  }
-  state.SetComplexityN(state.range(0));
+    return optionRuns == state.range(0);
+  });
 }
 
 /// The least that anything with a prompt does.
 void runBareLoop(benchmark::State& state) {
-  for ([[maybe_unused]] auto iteration : state) {
-    const PipedLines lines(state.range(0), kLine);
+  runProcesses(state, fileOf(state.range(0), kLine), [&] {
+    std::int64_t lines = -1;
     std::string line;
     do {
+      ++lines;
       std::cout << kPrompt;
     } while (std::getline(std::cin, line));
-  }
-  state.SetComplexityN(state.range(0));
+    return lines == state.range(0);
+  });
 }
 
 void printHelp(benchmark::State& state) {
@@ -131,11 +119,10 @@ void printHelp(benchmark::State& state) {
       child->addChild("command" + std::to_string(i));
     }
   }
-  for ([[maybe_unused]] auto iteration : state) {
-    const PipedLines nothing(0, "");
+  runProcesses(state, STDIN_FILENO, [&] {
     root->printHelp();
-  }
-  state.SetComplexityN(state.range(0));
+    return std::cout.good();
+  });
 }
 
 BENCHMARK(runShell)

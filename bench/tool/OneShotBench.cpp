@@ -1,6 +1,6 @@
-// Measures `ksttool logdump tel x` against a manager that answers at once, and the idle prompt. Run
-// it on a simulated device without a manager of its own: kst-simulator --absent manager --
-// one_shot_bench
+// Measures `ksttool logdump tel x` against a manager that answers at once, the same many times at
+// one prompt and at several ones side by side, and the idle prompt. Run it on a simulated device
+// without a manager of its own: kst-simulator --absent manager -- one_shot_bench
 
 #include <spawn.h>
 #include <sys/resource.h>
@@ -95,6 +95,60 @@ void measureIdlePrompt() {
   waitpid(child, nullptr, 0);
 }
 
+/// When a tool showed its first prompt, and when it had ended.
+struct Session {
+  std::chrono::steady_clock::time_point begin;
+  std::chrono::steady_clock::time_point end;
+};
+
+Session runSession(const std::string& input) {
+  FILE* const output = popen(("exec ksttool <" + input).c_str(), "r");
+  if (output == nullptr || std::fgetc(output) == EOF) {
+    std::exit(EXIT_FAILURE);
+  }
+  Session session{.begin = std::chrono::steady_clock::now(), .end = {}};
+  std::array<char, 65536> buffer;
+  while (std::fread(buffer.data(), 1, buffer.size(), output) > 0) {
+  }
+  session.end = std::chrono::steady_clock::now();
+  if (pclose(output) != 0) {
+    std::fprintf(stderr, "ksttool failed\n");
+    std::exit(EXIT_FAILURE);
+  }
+  return session;
+}
+
+/// Lets `tools` run as many commands each, side by side.
+void measureCommands(std::size_t tools, int commands) {
+  std::array<char, 32> input = {"/tmp/kst-commands-XXXXXX"};
+  close(mkstemp(input.data()));
+  std::ofstream lines(input.data());
+  for (int command = 0; command < commands; ++command) {
+    lines << "logdump tel x\n";
+  }
+  lines << "quit\n" << std::flush;
+  std::vector<Session> sessions(tools);
+  std::vector<std::thread> threads;
+  threads.reserve(tools);
+  for (Session& session : sessions) {
+    threads.emplace_back([&] { session = runSession(input.data()); });
+  }
+  Milliseconds slowest{};
+  auto begin = std::chrono::steady_clock::time_point::max();
+  auto end = std::chrono::steady_clock::time_point::min();
+  for (std::size_t tool = 0; tool < tools; ++tool) {
+    threads[tool].join();
+    slowest = std::max<Milliseconds>(slowest, sessions[tool].end - sessions[tool].begin);
+    begin = std::min(begin, sessions[tool].begin);
+    end = std::max(end, sessions[tool].end);
+  }
+  unlink(input.data());
+  const Milliseconds whole = end - begin;
+  std::printf("%zu at the prompt, %d commands each: %.0f commands/s in all, the slowest %.0f/s\n",
+              tools, commands, 1000.0 * static_cast<double>(tools) * commands / whole.count(),
+              1000.0 * commands / slowest.count());
+}
+
 }  // namespace
 
 int main() {
@@ -114,6 +168,8 @@ int main() {
   std::printf("wall time over the half second, median of 11: %.2f ms (least %.2f, most %.2f)\n",
               walls[5].count() - 500, walls.front().count() - 500, walls.back().count() - 500);
   std::printf("peak memory: %ld KiB\n", peak);
+  measureCommands(1, 10'000);
+  measureCommands(10, 2'000);
   measureIdlePrompt();
   loop.stop();
   serving.join();
