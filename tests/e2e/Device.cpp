@@ -5,50 +5,43 @@
 #include <csignal>
 #include <fstream>
 #include <sstream>
-#include <thread>
+
+#include "tests/e2e/Files.h"
 
 namespace {
 
-Words simulatorCommand(const Words& absent) {
-  Words command = {"kst-simulator"};
+Words simulatorCommand(const std::string& root, const Words& absent) {
+  Words command = {"kst-simulator", "--root", root};
   for (const std::string& part : absent) {
     command.insert(command.end(), {"--absent", part});
   }
   // Tells the environment, then lives until its input ends.
-  return joined(command, {"--", "sh", "-c", "env; echo ready; read -r end"});
+  return joined(command, {"--", "sh", "-c", "env; echo ready; exec cat"});
 }
 
 }  // namespace
 
-Device::Device(const Words& absent, const Variables& settings)
-    : simulator(simulatorCommand(absent)) {
+Device::Device(const Words& absent) : simulator(simulatorCommand(directory / "root", absent)) {
   std::istringstream lines(simulator.readUntil("\nready\n"));
-  for (std::string line; std::getline(lines, line);) {
-    const std::size_t end = line.find('=');
-    if (end != std::string::npos) {
-      environment[line.substr(0, end)] = line.substr(end + 1);
+  for (std::string name, value; std::getline(lines, name, '=') && std::getline(lines, value);) {
+    environment[name] = value;
+  }
+}
+
+Device::~Device() {
+  EXPECT_EQ(simulator.finish(), 0);
+  EXPECT_EQ(simulator.errors, "");
+  // What a part writes begins with its name; what does not is a sanitizer's.
+  for (const auto& log : entriesOf(directory / "root/var/log")) {
+    std::ifstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+      EXPECT_TRUE(line.starts_with(log.stem().string() + ": ")) << log << ": " << line;
     }
   }
-  // The last value of a key counts, and every question reads the file anew.
-  std::ofstream config(environment.at("KESTRANE_DEVICE_CONF"), std::ios::app);
-  for (const auto& [key, value] : settings) {
-    config << key << " = " << value << "\n";
-  }
 }
 
-Finished Device::ksttool(const Words& words, const std::string& input) const {
-  return runProgram(joined({"ksttool"}, words), environment, input);
-}
-
-void Device::kill(const std::string& program) const {
-  const pid_t process = simulator.child(program);
-  ASSERT_GT(process, 0) << program;
-  ::kill(process, SIGKILL);
-  while (simulator.child(program) == process) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-}
-
-std::filesystem::path Device::below(const std::string& path) const {
-  return environment.at("KESTRANE_ROOT") + path;
+void Device::killBus() const {
+  const pid_t bus = simulator.child("dbus-daemon");
+  ASSERT_GT(bus, 0);
+  kill(bus, SIGKILL);
 }

@@ -1,28 +1,21 @@
 #pragma once
 
-#include <filesystem>
-#include <string>
-
 #include "tests/e2e/Program.h"
+#include "tests/support/TemporaryDirectory.h"
 
 /// A simulated device, running as long as this lives, for programs that the test starts itself.
+/// Ends in order, and fails the test if one of its parts has written what only a sanitizer writes.
 class Device {
  public:
-  /// Starts a device without the parts `absent`, with `settings` (key and value) on top of the
-  /// simulator's device.conf.
-  explicit Device(const Words& absent = {}, const Variables& settings = {});
+  /// Starts a device without the parts `absent`.
+  explicit Device(const Words& absent = {});
+  ~Device();
 
-  /// Runs ksttool on the device.
-  Finished ksttool(const Words& words, const std::string& input = "") const;
-
-  /// Kills a part and waits until it is gone.
-  void kill(const std::string& program) const;
-
-  /// The path that a printed line "Path = ..." names, below the device root.
-  [[nodiscard]] std::filesystem::path below(const std::string& path) const;
+  void killBus() const;
 
   Variables environment;  ///< of programs on the device
 
  private:
+  const TemporaryDirectory directory;
   Program simulator;
 };

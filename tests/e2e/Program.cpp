@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <pty.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,87 +10,36 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
-#include <string_view>
 
+#include "support/FileOperations.h"
 #include "tests/e2e/Files.h"
 
 using kst::support::Descriptor;
-
-namespace {
-
-std::string pathOf(const std::string& program) {
-  const auto beside = std::filesystem::read_symlink("/proc/self/exe").parent_path() / program;
-  return std::filesystem::exists(beside) ? beside.string() : program;
-}
-
-/// What a program is started with. It is made before the fork: between that and exec a child of a
-/// process with threads may allocate nothing.
-class Image {
- public:
-  Image(const Words& args, const Variables& environment) : path(pathOf(args.front())), words(args) {
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-      const std::string_view text = *variable;
-      if (!environment.contains(std::string(text.substr(0, text.find('='))))) {
-        variables.emplace_back(text);
-      }
-    }
-    for (const auto& [name, value] : environment) {
-      variables.push_back(name + "=" + value);
-    }
-    wordPointers = pointersTo(words);
-    variablePointers = pointersTo(variables);
-  }
-  Image(const Image&) = delete;
-  Image& operator=(const Image&) = delete;
-
-  /// In the child.
-  [[noreturn]] void become() const {
-    signal(SIGPIPE, SIG_DFL);
-    execvpe(path.c_str(), wordPointers.data(), variablePointers.data());
-    _exit(127);
-  }
-
- private:
-  static std::vector<char*> pointersTo(Words& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) {
-      pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-  }
-
-  const std::string path;
-  Words words;
-  Words variables;
-  std::vector<char*> wordPointers;
-  std::vector<char*> variablePointers;
-};
-
-}  // namespace
 
 Words joined(Words first, const Words& second) {
   first.insert(first.end(), second.begin(), second.end());
   return first;
 }
 
-Program::Program(const Words& args, const Variables& environment, Streams streams) {
+Program::Program(const Words& args, const Variables& environment) {
   signal(SIGPIPE, SIG_IGN);
-  const Image image(args, environment);
-  if (streams == Streams::kTerminal) {
-    int terminal = -1;
-    process = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (process == 0) {
-      image.become();
-    }
-    input = Descriptor(fcntl(terminal, F_DUPFD_CLOEXEC, 0));
-    outputEnd = Descriptor(terminal);
-    return;
+  // All is made before the fork: between that and exec a child of a process with threads may
+  // allocate nothing.
+  Words words = {"env"};
+  for (const auto& [name, value] : environment) {
+    words.push_back(name + "=" + value);
   }
+  const auto beside = std::filesystem::read_symlink("/proc/self/exe").replace_filename(args[0]);
+  words.push_back(std::filesystem::exists(beside) ? beside.string() : args[0]);
+  words.insert(words.end(), args.begin() + 1, args.end());
+  std::vector<char*> pointers;
+  for (std::string& word : words) {
+    pointers.push_back(word.data());
+  }
+  pointers.push_back(nullptr);
   std::array<int, 2> in{};
   std::array<int, 2> out{};
   errorFile = Descriptor(memfd_create("errors", MFD_CLOEXEC));
@@ -107,7 +55,9 @@ Program::Program(const Words& args, const Variables& environment, Streams stream
     dup2(in[0], STDIN_FILENO);
     dup2(out[1], STDOUT_FILENO);
     dup2(errorFile.get(), STDERR_FILENO);
-    image.become();
+    signal(SIGPIPE, SIG_DFL);
+    execvp("env", pointers.data());
+    _exit(127);
   }
 }
 
@@ -119,13 +69,7 @@ Program::~Program() {
 }
 
 void Program::write(const std::string& text) const {
-  for (std::size_t done = 0; done < text.size();) {
-    const ssize_t n = ::write(input.get(), text.data() + done, text.size() - done);
-    if (n < 0) {
-      return;  // the program has closed its end
-    }
-    done += static_cast<std::size_t>(n);
-  }
+  kst::support::writeFully(input.get(), text.data(), text.size());
 }
 
 /// Waits for some output; false when it has ended.
@@ -142,15 +86,13 @@ bool Program::readSome() {
 }
 
 std::string Program::readUntil(const std::string& text) {
-  std::size_t found = output.find(text);
-  while (found == std::string::npos) {
+  while (output.find(text) == std::string::npos) {
     if (!readSome()) {
       ADD_FAILURE() << "no '" << text << "' in: " << output;
       return output;
     }
-    found = output.find(text);
   }
-  std::string taken = output.substr(0, found + text.size());
+  std::string taken = output.substr(0, output.find(text) + text.size());
   output.erase(0, taken.size());
   return taken;
 }
@@ -167,15 +109,11 @@ int Program::finish() {
 }
 
 pid_t Program::child(const std::string& name) const {
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    std::ifstream file(entry.path() / "stat");
-    std::string id;
-    std::string itsName;
-    std::string state;
-    pid_t parent = 0;
-    file >> id >> itsName >> state >> parent;
-    if (parent == process && itsName == "(" + name + ")" && state != "Z") {
-      return std::stoi(id);
+  const std::string id = std::to_string(process);
+  std::ifstream children("/proc/" + id + "/task/" + id + "/children");
+  for (pid_t child = 0; children >> child;) {
+    if (readFile("/proc/" + std::to_string(child) + "/comm") == name + "\n") {
+      return child;
     }
   }
   return -1;

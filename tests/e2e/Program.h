@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -15,15 +14,12 @@ using Variables = std::map<std::string, std::string>;
 /// `first` and, behind it, `second`.
 Words joined(Words first, const Words& second);
 
-/// A running program, with pipes to its input and output, or with one terminal for all its streams.
+/// A running program, with pipes to its input and output.
 class Program {
  public:
-  enum class Streams { kPipes, kTerminal };
-
   /// Starts `args[0]`, looked for beside this test, or else in PATH, with `environment` on top of
   /// the test's own.
-  explicit Program(const Words& args, const Variables& environment = {},
-                   Streams streams = Streams::kPipes);
+  explicit Program(const Words& args, const Variables& environment = {});
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
@@ -55,7 +51,7 @@ class Program {
   pid_t process = -1;
   kst::support::Descriptor input;
   kst::support::Descriptor outputEnd;
-  kst::support::Descriptor errorFile;  // a terminal has none
+  kst::support::Descriptor errorFile;
 };
 
 /// How a program ended that got `input` and then the end of it.
