@@ -1,11 +1,9 @@
 #include "tests/fakes/Fakes.h"
 
-#include <pthread.h>
-
-#include <array>
-#include <iostream>
+#include <chrono>
 #include <memory>
-#include <mutex>
+#include <thread>
+#include <vector>
 
 #include "platform/client/HelperClient.h"
 #include "platform/client/ManagerClient.h"
@@ -16,24 +14,14 @@
 
 class ManagerClient {
  public:
-  /// Runs `work` on the queue and waits for its end.
-  void runOnQueue(const std::function<void()>& work) const {
-    const TaskGroup done = TaskGroup::create();
-    queue.submit([work, hold = TaskGroupHold(done)] { work(); });
-    done.wait();
-  }
-
   TaskQueue queue;
-  std::vector<kst::client::EventHandler> handlers;
 };
 
 namespace {
 
 struct State {
   fakes::Script script;
-  std::vector<std::shared_ptr<ManagerClient>> managers;
-  std::mutex mutex;
-  std::vector<std::string> log;  // guarded by `mutex`
+  std::vector<std::pair<TaskQueue, kst::client::EventHandler>> handlers;
 };
 
 /// Never destroyed: threads of the product may outlive `main`.
@@ -43,40 +31,32 @@ State& state() {
 }
 
 void log(const std::string& line) {
-  const std::lock_guard lock(state().mutex);
-  state().log.push_back(line);
-  if (state().script.echoesLog) {
-    std::cerr << line << std::endl;
+  if (state().script.log != nullptr) {
+    *state().script.log << line << std::endl;
   }
 }
 
 template <typename Value>
-Value logged(const char* question, Value answer) {
+Value logged(const std::string& question, Value answer) {
   log(question);
   return answer;
-}
-
-std::string textOf(const MessageValue& value) {
-  if (value.text()) {
-    return "\"" + *value.text() + "\"";
-  }
-  if (value.boolean()) {
-    return *value.boolean() ? "true" : "false";
-  }
-  return value.integer() ? std::to_string(*value.integer()) : "null";
 }
 
 std::string textOf(const MessageDict& request) {
   std::string text;
   for (const auto& [key, value] : request.entries()) {
-    text += " " + key + "=" + textOf(value);
+    text += " " + key + "=";
+    text += value.text()      ? "\"" + *value.text() + "\""
+            : value.boolean() ? (*value.boolean() ? "true" : "false")
+            : value.integer() ? std::to_string(*value.integer())
+                              : "null";
   }
   return text;
 }
 
 fakes::Answer nextAnswer() {
-  fakes::Answer next = fakes::script().managerAnswers.at(0);
-  fakes::script().managerAnswers.pop_front();
+  fakes::Answer next = state().script.managerAnswers.at(0);
+  state().script.managerAnswers.pop_front();
   return next;
 }
 
@@ -84,40 +64,28 @@ fakes::Answer nextAnswer() {
 
 fakes::Script& fakes::script() { return state().script; }
 
-std::vector<std::string> fakes::takeLog() {
-  const std::lock_guard lock(state().mutex);
-  return std::exchange(state().log, {});
-}
+fakes::Test::~Test() { state() = {}; }
 
 void fakes::sendEvent(const MessageValue& payload) {
-  for (const auto& manager : state().managers) {
-    manager->runOnQueue([&] {
-      for (const kst::client::EventHandler& handler : manager->handlers) {
-        handler(payload, TaskGroup());
-      }
-    });
+  const TaskGroup done = TaskGroup::create();
+  for (const auto& entry : state().handlers) {
+    entry.first.submit([&, hold = TaskGroupHold(done)] { entry.second(payload, {}); });
   }
+  done.wait();
 }
 
 namespace kst::client {
 
 std::shared_ptr<::ManagerClient> CreateManager(const std::string& name, const TaskQueue& queue) {
-  auto manager = std::make_shared<::ManagerClient>();
-  manager->queue = queue;
-  manager->runOnQueue([&] {
-    std::array<char, 16> thread{};
-    pthread_getname_np(pthread_self(), thread.data(), thread.size());
-    log("CreateManager " + name + " on " + thread.data());
-  });
-  state().managers.push_back(manager);
-  return manager;
+  log("CreateManager " + name);
+  return std::make_shared<::ManagerClient>(::ManagerClient{queue});
 }
 
 void RegisterEventHandler(std::shared_ptr<::ManagerClient> manager, const std::string& event,
                           EventHandler handler) {
   log("RegisterEventHandler " + event);
   if (fakes::script().keepsHandlers) {
-    manager->handlers.push_back(handler);
+    state().handlers.emplace_back(manager->queue, std::move(handler));
   }
 }
 
@@ -128,12 +96,10 @@ void EventsOn(std::shared_ptr<::ManagerClient> /*manager*/) { log("EventsOn"); }
 void PerformCommand(std::shared_ptr<::ManagerClient> manager, const std::string& command,
                     ReplyCallback callback, const MessageDict& request) {
   log("PerformCommand " + command + textOf(request));
-  manager->queue.submit([callback = std::move(callback), answer = nextAnswer(),
-                         gate = fakes::script().answersWaitFor] {
-    if (gate) {
-      gate.wait();
-    }
-    callback({answer.status, ""}, answer.reply);
+  manager->queue.submit([callback = std::move(callback), answer = nextAnswer()] {
+    // Late, so that who does not wait for the reply misses it.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    callback({answer.first, ""}, answer.second);
   });
 }
 
@@ -141,9 +107,9 @@ CommandResult PerformCommand(std::shared_ptr<::ManagerClient> /*manager*/,
                              const std::string& command, const MessageDict& request,
                              MessageValue& reply) {
   log("PerformCommand and wait " + command + textOf(request));
-  const fakes::Answer answer = nextAnswer();
-  reply = answer.reply;
-  return {answer.status, ""};
+  const auto [status, answer] = nextAnswer();
+  reply = answer;
+  return {status, ""};
 }
 
 }  // namespace kst::client
@@ -154,7 +120,7 @@ HelperClient::HelperClient(std::string name, LogSink logSink)
     : clientName(std::move(name)), sink(std::move(logSink)) {}
 
 std::shared_ptr<HelperClient> HelperClient::create(const std::string& name, LogSink logSink) {
-  log("HelperClient::create " + name + (logSink ? " with a sink" : ""));
+  log("HelperClient::create " + name);
   return std::shared_ptr<HelperClient>(
       fakes::script().hasHelper ? new HelperClient(name, std::move(logSink)) : nullptr);
 }
@@ -163,9 +129,9 @@ CommandResult HelperClient::perform(helper::TaskID task, const std::string& comm
                                     MessageDict request, MessageDict& reply) {
   log("HelperClient::perform " + std::to_string(static_cast<int>(task)) + " " + command +
       textOf(request));
-  const fakes::Answer& answer = fakes::script().helperAnswer;
-  reply = answer.reply.dictionary() ? *answer.reply.dictionary() : MessageDict();
-  return {answer.status, ""};
+  const auto& [status, answer] = fakes::script().helperAnswer;
+  reply = answer.dictionary() ? *answer.dictionary() : MessageDict();
+  return {status, ""};
 }
 
 }  // namespace kst
@@ -182,6 +148,5 @@ bool BuildInfo::isTraceAllowed() { return logged("isTraceAllowed", script().trac
 const char* getprogname() { return logged("getprogname", "ksttool"); }
 
 bool isProcessRunning(const std::string& name) {
-  log("isProcessRunning " + name);
-  return script().processes.contains(name);
+  return logged("isProcessRunning " + name, script().processes.contains(name));
 }

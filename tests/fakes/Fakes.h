@@ -1,28 +1,28 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <deque>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "platform/message/MessageDict.h"
-#include "platform/tasks/TaskGroup.h"
 
 /// The stand-ins for platform/client and platform/device answer from a script, and write down what
 /// they are asked.
 namespace fakes {
 
-/// How a service answers one command.
-struct Answer {
-  Answer() = default;
-  Answer(std::int32_t answerStatus, MessageValue answerReply)
-      : status(answerStatus), reply(std::move(answerReply)) {}
+/// How a service answers one command: status and reply.
+using Answer = std::pair<std::int32_t, MessageValue>;
 
-  std::int32_t status = 0;
-  MessageValue reply;
-};
+inline MessageDict dictOf(const std::string& key, MessageValue value) {
+  MessageDict dict;
+  dict.set(key, std::move(value));
+  return dict;
+}
 
 /// What the device and its services do.
 struct Script {
@@ -35,20 +35,29 @@ struct Script {
   bool traceAllowed = false;
   std::set<std::string> processes;
   std::deque<Answer> managerAnswers;  // one for each command; a command too many throws
-  TaskGroup answersWaitFor;           // if not empty, replies wait on the queue for this
   bool keepsHandlers = true;          // whether the manager client keeps event handlers
   Answer helperAnswer;
   bool hasHelper = true;
-  bool echoesLog = false;  // the log goes to standard error too
+  std::ostream* log = nullptr;  // gets what is asked, one line each: the operation, its arguments
 };
 
 /// The script in force. To be changed while no product code runs.
 Script& script();
 
-/// What was asked since the last call of this, one line each: the operation and its arguments.
-std::vector<std::string> takeLog();
-
-/// Delivers an event on the queue of every manager client, and returns once the handlers have.
+/// Delivers an event on the queue of each handler, and returns once all handlers have.
 void sendEvent(const MessageValue& payload);
+
+/// A test with a script of its own, and no event handlers at first.
+class Test : public testing::Test {
+ protected:
+  Test() { script().log = &log; }
+  ~Test() override;
+
+  /// What was asked since the last call of this.
+  std::string takeLog() { return std::exchange(log, {}).str(); }
+
+ private:
+  std::ostringstream log;
+};
 
 }  // namespace fakes

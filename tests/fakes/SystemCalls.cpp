@@ -10,49 +10,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <utility>
 
 namespace {
 
 thread_local SystemCalls* active = nullptr;
-
-template <typename Function>
-Function next(const char* name) {
-  void* const found = dlsym(RTLD_NEXT, name);
-  if (found == nullptr) {
-    fprintf(stderr, "SystemCalls: no %s here\n", name);
-    abort();
-  }
-  return reinterpret_cast<Function>(found);
-}
-
-/// The system's own functions. They are looked up beforehand, since the thread sanitizer calls some
-/// of them for its reports, where dlsym would wait for ever.
-const struct {
-  decltype(&::write) write = next<decltype(write)>("write");
-  decltype(&::read) read = next<decltype(read)>("read");
-  decltype(&::close) close = next<decltype(close)>("close");
-  decltype(&::openat) openat = next<decltype(openat)>("openat64");
-  decltype(&::unlinkat) unlinkat = next<decltype(unlinkat)>("unlinkat");
-  decltype(&::mkdir) mkdir = next<decltype(mkdir)>("mkdir");
-  decltype(&::mkdirat) mkdirat = next<decltype(mkdirat)>("mkdirat");
-  decltype(&::renameat) renameat = next<decltype(renameat)>("renameat");
-  decltype(&::renameat2) renameat2 = next<decltype(renameat2)>("renameat2");
-  decltype(&::futimens) futimens = next<decltype(futimens)>("futimens");
-  decltype(&::flock) flock = next<decltype(flock)>("flock");
-  decltype(&::fsync) fsync = next<decltype(fsync)>("fsync");
-  decltype(&::syncfs) syncfs = next<decltype(syncfs)>("syncfs");
-  decltype(&::fstat) fstat = next<decltype(fstat)>("fstat64");
-  decltype(&::fstatat) fstatat = next<decltype(fstatat)>("fstatat64");
-  decltype(&::fchmod) fchmod = next<decltype(fchmod)>("fchmod");
-  decltype(&::fcntl) fcntl = next<decltype(fcntl)>("fcntl64");
-  decltype(&::readdir) readdir = next<decltype(readdir)>("readdir64");
-  decltype(&::statvfs) statvfs = next<decltype(statvfs)>("statvfs64");
-  decltype(&::fstatvfs) fstatvfs = next<decltype(fstatvfs)>("fstatvfs64");
-  decltype(&::time) time = next<decltype(time)>("time");
-} real;
 
 bool fails(const char* function) {
   const int present = errno;
@@ -65,152 +26,126 @@ size_t shortened(size_t length) {
   return active != nullptr ? std::min(length, active->longestTransfer) : length;
 }
 
+int withCapacity(int result, struct statvfs* status) {
+  if (result == 0 && active != nullptr && active->fileSystem) {
+    *status = *active->fileSystem;
+  }
+  return result;
+}
+
 }  // namespace
 
 SystemCalls::SystemCalls() { active = this; }
 SystemCalls::~SystemCalls() { active = nullptr; }
 
-void SystemCalls::fail(const std::string& function, int error, int number) {
+void SystemCalls::fail(const std::string& function, int error, int number,
+                       const std::function<void()>& deed) {
   before = [=, calls = 0](const std::string& called) mutable {
-    return called == function && (++calls == number || number == 0) ? error : 0;
-  };
-}
-
-void SystemCalls::at(const std::string& function, int number, const std::function<void()>& deed) {
-  before = [=, calls = 0](const std::string& called) mutable {
-    if (called == function && (++calls == number || number == 0)) {
+    const bool isMeant = called == function && (++calls == number || number == 0);
+    if (isMeant) {
       deed();
     }
-    return 0;
+    return isMeant ? error : 0;
   };
 }
 
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): names that the library reserves
+// NOLINTBEGIN(bugprone-macro-parentheses): types, names and lists
+
+/// The system's own function. It is looked up beforehand, since the thread sanitizer calls some of
+/// them for its reports, where dlsym would wait for ever.
+#define SYSTEM_CALL(name, symbol) \
+  static const auto real_##name = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, symbol))
+
+/// Defines a call that fails when it is to, and has this result else.
+#define INTERPOSE(type, name, symbol, signature, result) \
+  SYSTEM_CALL(name, symbol);                             \
+  type name signature { return fails(#name) ? -1 : result; }
+
 extern "C" {
 
-ssize_t write(int file, const void* data, size_t length) {
-  return fails("write") ? -1 : real.write(file, data, shortened(length));
-}
+INTERPOSE(int, unlinkat, "unlinkat", (int at, const char* path, int flags) noexcept,
+          real_unlinkat(at, path, flags))
+INTERPOSE(int, mkdir, "mkdir", (const char* path, mode_t mode) noexcept, real_mkdir(path, mode))
+INTERPOSE(int, mkdirat, "mkdirat", (int at, const char* path, mode_t mode) noexcept,
+          real_mkdirat(at, path, mode))
+INTERPOSE(int, renameat, "renameat",
+          (int from, const char* path, int to, const char* free) noexcept,
+          real_renameat(from, path, to, free))
+INTERPOSE(int, renameat2, "renameat2",
+          (int from, const char* path, int to, const char* free, unsigned flags) noexcept,
+          real_renameat2(from, path, to, free, flags))
+INTERPOSE(int, flock, "flock", (int file, int operation) noexcept, real_flock(file, operation))
+INTERPOSE(int, fstat, "fstat64", (int file, struct stat* status) noexcept, real_fstat(file, status))
+INTERPOSE(int, fstatat, "fstatat64",
+          (int at, const char* path, struct stat* status, int flags) noexcept,
+          real_fstatat(at, path, status, flags))
+INTERPOSE(int, fchmod, "fchmod", (int file, mode_t mode) noexcept, real_fchmod(file, mode))
+INTERPOSE(int, fsync, "fsync", (int file), active != nullptr ? 0 : real_fsync(file))
+INTERPOSE(int, syncfs, "syncfs", (int file) noexcept, active != nullptr ? 0 : real_syncfs(file))
+INTERPOSE(int, statvfs, "statvfs64", (const char* path, struct statvfs* status) noexcept,
+          withCapacity(real_statvfs(path, status), status))
+INTERPOSE(int, fstatvfs, "fstatvfs64", (int file, struct statvfs* status) noexcept,
+          withCapacity(real_fstatvfs(file, status), status))
+INTERPOSE(ssize_t, write, "write", (int file, const void* data, size_t length),
+          real_write(file, data, shortened(length)))
+INTERPOSE(ssize_t, read, "read", (int file, void* data, size_t length),
+          real_read(file, data, shortened(length)))
 
-ssize_t read(int file, void* data, size_t length) {
-  return fails("read") ? -1 : real.read(file, data, shortened(length));
-}
-
+SYSTEM_CALL(close, "close");
 int close(int file) {
   const bool failing = fails("close");
   if (failing && errno == EINTR) {
     return -1;  // with any other error the file is closed all the same
   }
   const int error = errno;
-  const int result = real.close(file);
+  const int result = real_close(file);
   errno = failing ? error : errno;
   return failing ? -1 : result;
 }
 
+SYSTEM_CALL(openat, "openat64");
 int openat(int directory, const char* path, int flags, ...) {
   va_list arguments;
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  return fails("openat") ? -1 : real.openat(directory, path, flags, mode);
+  return fails("openat") ? -1 : real_openat(directory, path, flags, mode);
 }
 
-int unlinkat(int directory, const char* path, int flags) noexcept {
-  return fails("unlinkat") ? -1 : real.unlinkat(directory, path, flags);
-}
-
-int mkdir(const char* path, mode_t mode) noexcept {
-  return fails("mkdir") ? -1 : real.mkdir(path, mode);
-}
-
-int mkdirat(int directory, const char* path, mode_t mode) noexcept {
-  return fails("mkdirat") ? -1 : real.mkdirat(directory, path, mode);
-}
-
-int renameat(int from, const char* oldPath, int to, const char* newPath) noexcept {
-  return fails("renameat") ? -1 : real.renameat(from, oldPath, to, newPath);
-}
-
-int renameat2(int from, const char* oldPath, int to, const char* newPath, unsigned flags) noexcept {
-  return fails("renameat2") ? -1 : real.renameat2(from, oldPath, to, newPath, flags);
-}
-
-int futimens(int file, const timespec* times) noexcept {
-  return fails("futimens") ? -1 : real.futimens(file, times);
-}
-
-int flock(int file, int operation) noexcept {
-  return fails("flock") ? -1 : real.flock(file, operation);
-}
-
-int fsync(int file) {
-  const bool failing = fails("fsync");
-  return failing ? -1 : (active != nullptr ? 0 : real.fsync(file));
-}
-
-int syncfs(int file) noexcept {
-  const bool failing = fails("syncfs");
-  return failing ? -1 : (active != nullptr ? 0 : real.syncfs(file));
-}
-
-int fstat(int file, struct stat* status) noexcept {
-  return fails("fstat") ? -1 : real.fstat(file, status);
-}
-
-int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept {
-  return fails("fstatat") ? -1 : real.fstatat(directory, path, status, flags);
-}
-
-int fchmod(int file, mode_t mode) noexcept {
-  return fails("fchmod") ? -1 : real.fchmod(file, mode);
-}
-
+SYSTEM_CALL(fcntl, "fcntl64");
 int fcntl(int file, int command, ...) {
   va_list arguments;
   va_start(arguments, command);
   void* argument = va_arg(arguments, void*);
   va_end(arguments);
-  return fails("fcntl") ? -1 : real.fcntl(file, command, argument);
+  return fails("fcntl") ? -1 : real_fcntl(file, command, argument);
 }
 
+SYSTEM_CALL(readdir, "readdir64");
 dirent* readdir(DIR* stream) {
-  static thread_local std::pair<DIR*, dirent*> again;
-  if (fails("readdir")) {
-    return nullptr;
-  }
-  const auto [former, repeated] = std::exchange(again, {});
-  if (repeated != nullptr && former == stream) {
-    return repeated;
-  }
-  dirent* const entry = real.readdir(stream);
-  if (entry != nullptr && entry->d_type == DT_REG && active != nullptr && active->repeatsFiles) {
-    again = {stream, entry};
-  }
+  dirent* const entry = fails("readdir") ? nullptr : real_readdir(stream);
   if (entry != nullptr && active != nullptr && active->typesAreUnknown) {
     entry->d_type = DT_UNKNOWN;
   }
   return entry;
 }
 
-int statvfs(const char* path, struct statvfs* status) noexcept {
-  const int result = fails("statvfs") ? -1 : real.statvfs(path, status);
-  if (result == 0 && active != nullptr && active->fileSystem) {
-    *status = *active->fileSystem;
-  }
-  return result;
-}
-
-int fstatvfs(int file, struct statvfs* status) noexcept {
-  const int result = fails("fstatvfs") ? -1 : real.fstatvfs(file, status);
-  if (result == 0 && active != nullptr && active->fileSystem) {
-    *status = *active->fileSystem;
-  }
-  return result;
-}
-
+SYSTEM_CALL(time, "time");
 time_t time(time_t* result) noexcept {
-  return active != nullptr && active->now ? *active->now : real.time(result);
+  return active != nullptr && active->now ? *active->now : real_time(result);
+}
+
+SYSTEM_CALL(clock_gettime, "clock_gettime");
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+  if (active == nullptr || clock != CLOCK_MONOTONIC) {
+    return real_clock_gettime(clock, time);
+  }
+  const std::chrono::nanoseconds passed = active->passed;
+  *time = {passed / std::chrono::seconds(1), (passed % std::chrono::seconds(1)).count()};
+  return 0;
 }
 
 }  // extern "C"
+// NOLINTEND(bugprone-macro-parentheses)
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

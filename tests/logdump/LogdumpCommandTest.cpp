@@ -1,31 +1,52 @@
 #include "logdump/LogdumpCommand.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <future>
 #include <iostream>
 
-#include "Tools/KSTTool/ServerRunning.h"
 #include "platform/client/Constants.h"
 #include "tests/fakes/Fakes.h"
 #include "tests/fakes/Streams.h"
 
 namespace {
 
-class LogdumpCommandTest : public testing::Test {
- protected:
-  LogdumpCommandTest() { fakes::takeLog(); }
+using fakes::Answer;
+using Words = std::list<std::string>;
 
-  /// Runs an option while the manager gives this answer, and returns its output.
-  std::string run(const std::string& option, const std::list<std::string>& words,
-                  const fakes::Answer& answer) {
-    fakes::script().managerAnswers = {answer};
-    const CapturedOutput output(std::cout);
-    EXPECT_TRUE(node->executeOption(option, words));
-    EXPECT_TRUE(output.isFlushedByLine());
-    return output.text();
+constexpr std::int32_t kDown = kst::kResultManagerNotRunning;
+const std::string kPath = "Path = /var/wireless/Library/Logs/FaultDepot/Baseband/log-bb-";
+const std::string kTelHeading = "Telephony log collection: ";
+const std::string kTelRequest =
+    "PerformCommand TraceDumpState TraceAction=\"CollectTelephonyLogs\" TraceDumpStateReason=";
+const std::string kCoreHeading = "Telephony log collection with Coredump: ";
+const std::string kCoreRequest =
+    "PerformCommand TraceDumpState BasebandResetType=\"Hard\" BasebandResetSubType=\"OtherErrors\" "
+    "TraceAction=\"CollectTelephonyLogsWithCoredump\" BasebandResetReason=";
+const std::string kBbHeading = "Baseband log collection: ";
+const std::string kBbQuery =
+    "PerformCommand and wait GetTraceProperty TraceName=\"BasebandTrace\" "
+    "TracePropertyName=\"Enabled\"\n";
+const std::string kBbRequest = "PerformCommand and wait TraceDumpState TraceDumpStateReason=";
+const std::string kBbAction = " TraceAction=\"CollectBasebandLogs\"";
+const std::string kCompression = " TraceDumpStatePerformCompression=";
+
+MessageDict timestamp(MessageValue value) {
+  return fakes::dictOf(kst::kKeyTimestampString, std::move(value));
+}
+MessageDict property(MessageValue value) {
+  return fakes::dictOf(kst::kKeyTracePropertyValue, std::move(value));
+}
+
+class LogdumpCommandTest : public fakes::Test {
+ protected:
+  /// Runs an option while the manager gives these answers. The transcript: what was asked, and what
+  /// was printed, in the order in which it happened.
+  std::string run(const std::string& option, const Words& words, std::deque<Answer> answers,
+                  bool result = true) {
+    fakes::script().managerAnswers = std::move(answers);
+    const CapturedOutput transcript(std::cout);
+    fakes::script().log = &std::cout;
+    EXPECT_EQ(node->executeOption(option, words), result);
+    EXPECT_TRUE(transcript.isFlushedByLine());
+    return transcript.text();
   }
 
   const TaskQueue queue = TaskQueue::create("test");
@@ -33,81 +54,96 @@ class LogdumpCommandTest : public testing::Test {
       LogdumpCommand::create("logdump", {}, kst::client::CreateManager("test", queue), queue);
 };
 
-TEST_F(LogdumpCommandTest, RefusesAllButBbWhileTheServerIsDown) {
-  const std::string refusal = "Server is not running. Please try after server starts.\n";
-  for (const bool running : {true, false}) {
-    gServerRunning = running;
-    for (const char* const option : {"tel", "core", "bb", "b", "bbx", ""}) {
-      SCOPED_TRACE(testing::Message() << option << (running ? " up" : " down"));
-      const bool allowed = running || std::string(option) == "bb";
-      const CapturedOutput output(std::cout);
-      const CapturedOutput errors(std::cerr);
-      EXPECT_EQ(node->isOptionAllowed(option), allowed);
-      EXPECT_EQ(errors.text(), allowed ? "" : refusal);
-      EXPECT_TRUE(errors.isFlushedByLine());
-      EXPECT_EQ(output.text(), "");
-    }
-  }
-}
-
-TEST_F(LogdumpCommandTest, RequestsHoldTheirKeysInOrder) {
-  const std::string tel =
-      "PerformCommand TraceDumpState TraceAction=\"CollectTelephonyLogs\" TraceDumpStateReason=";
-  const std::string core =
-      "PerformCommand TraceDumpState BasebandResetType=\"Hard\" "
-      "BasebandResetSubType=\"OtherErrors\" TraceAction=\"CollectTelephonyLogsWithCoredump\" "
-      "BasebandResetReason=";
+TEST_F(LogdumpCommandTest, WordsMakeTheRequestAndTheReplyIsPrinted) {
   const struct {
-    std::list<std::string> words;
+    Words words;
     std::string reason;
     std::string compress;
+    Answer answer;
+    std::string outcome;  // of telephony logs
   } cases[] = {
-      {{}, "\"[ksttool] User triggered\"", "true"},
-      {{"nocompress"}, "\"[ksttool] User triggered\"", "false"},
-      {{"nocompress", "nocompress", "modem-crash"}, "\"[ksttool] modem-crash\"", "false"},
-      {{"modem", "nocompress"}, "\"[ksttool] modem\"", "true"},
-      {{"NOCOMPRESS", "crash"}, "\"[ksttool] NOCOMPRESS\"", "true"},
-      {{"", "x"}, "\"[ksttool] \"", "true"},
-      {{"\xff"}, "null", "true"},
+      {{}, "\"[ksttool] User triggered\"", "true", {1, timestamp("T")}, "Failed\n"},
+      {{"nocompress"}, "\"[ksttool] User triggered\"", "false", {kDown, {}}, "Failed\n"},
+      {{"nocompress", "nocompress", "x"}, "\"[ksttool] x\"", "false", {0, {}}, "Success\n"},
+      {{"x", "nocompress"}, "\"[ksttool] x\"", "true", {0, "T"}, "Success\n"},
+      {{"nocompress-x"},
+       "\"[ksttool] nocompress-x\"",
+       "true",
+       {0, timestamp("T")},
+       "Success\n" + kPath + "T-*\n"},
+      {{"NOCOMPRESS", "x"},
+       "\"[ksttool] NOCOMPRESS\"",
+       "true",
+       {0, MessageDict()},
+       "Success\n" + kPath + "-*\n"},
+      {{"", "x"}, "\"[ksttool] \"", "true", {0, timestamp(true)}, "Success\n" + kPath + "-*\n"},
+      {{"\xff"}, "null", "true", {-1, {}}, "Failed\n"},
   };
   for (const auto& test : cases) {
-    SCOPED_TRACE(testing::PrintToString(test.words));
-    run("tel", test.words, {});
-    run("core", test.words, {});
-    const std::string rest = test.reason + " TraceDumpStatePerformCompression=" + test.compress;
-    EXPECT_THAT(fakes::takeLog(), testing::ElementsAre(tel + rest, core + rest));
+    const std::string end = kCompression + test.compress + "\n";
+    EXPECT_EQ(run("tel", test.words, {test.answer}),
+              kTelRequest + test.reason + end + kTelHeading + test.outcome);
+    EXPECT_EQ(run("core", test.words, {test.answer}),
+              kCoreRequest + test.reason + end + kCoreHeading + test.outcome);
+    EXPECT_EQ(run("bb", test.words, {{0, property("true")}, {1, timestamp("T")}}),
+              kBbQuery + kBbRequest + test.reason + kBbAction + end + kBbHeading + "Failed\n");
   }
 }
 
-TEST_F(LogdumpCommandTest, PrintsWhatTheManagerReplies) {
-  const std::string path = "Path = /var/wireless/Library/Logs/FaultDepot/Baseband/log-bb-";
-  MessageDict good;
-  good.set(kst::kKeyTimestampString, "2026-01-02");
-  MessageDict noText;
-  noText.set(kst::kKeyTimestampString, true);
-  const std::pair<fakes::Answer, std::string> cases[] = {
-      {{0, good}, "Success\n" + path + "2026-01-02-*\n"},
-      {{1, good}, "Failed\n"},
-      {{kst::kResultManagerNotRunning, {}}, "Failed\n"},
-      {{0, {}}, "Success\n"},
-      {{0, "2026-01-02"}, "Success\n"},
-      {{0, MessageDict()}, "Success\n" + path + "-*\n"},
-      {{0, noText}, "Success\n" + path + "-*\n"},
+TEST_F(LogdumpCommandTest, BasebandLogsHaveToBeEnabled) {
+  for (const std::int32_t status : {1, INT32_MIN, kDown}) {
+    EXPECT_EQ(run("bb", {}, {{status, property("1")}}, false), kBbQuery + kBbHeading + "Failed\n");
+  }
+  for (const MessageValue& reply : {MessageValue(), MessageValue("true")}) {
+    EXPECT_EQ(run("bb", {}, {{0, reply}}), kBbQuery + kBbHeading + "Failed\n");
+  }
+  for (const MessageDict& reply : {MessageDict(), property(true), property("false"),
+                                   property("True"), property("1 "), property("")}) {
+    EXPECT_EQ(run("bb", {}, {{0, reply}}), kBbQuery + "Baseband logs are not enabled\n");
+  }
+}
+
+TEST_F(LogdumpCommandTest, BasebandLogsPrintWhatTheServicesReply) {
+  const std::string byManager = kBbHeading + "Success (KST running)\n";
+  const std::string withoutManager = kBbHeading + "Success (KST not running)\n";
+  const std::string vendor = "getRadioVendor\n";
+  const std::string builds = "isInternalBuild\nisCarrierBuild\n";
+  const std::string create = "HelperClient::create logdump.helper\n";
+  const std::string asked =
+      "isInternalBuild\n" + create + "HelperClient::perform 5 SyscollectStatus Timeout=1500\n";
+  const std::string scratch =
+      withoutManager + "Path = /var/wireless/Library/Logs/Kestrane/DIAG.scratch\n";
+  const auto expectRun = [&](const Answer& answer, std::int32_t radioVendor, bool compresses,
+                             const std::string& transcript) {
+    fakes::script().radioVendor = radioVendor;
+    EXPECT_EQ(
+        run("bb", compresses ? Words{"x"} : Words{"nocompress", "x"}, {{0, property("1")}, answer}),
+        kBbQuery + kBbRequest + "\"[ksttool] x\"" + kBbAction + kCompression +
+            (compresses ? "true\n" : "false\n") + transcript);
   };
-  for (const auto& [answer, outcome] : cases) {
-    EXPECT_EQ(run("tel", {}, answer), "Telephony log collection: " + outcome);
-    EXPECT_EQ(run("core", {}, answer), "Telephony log collection with Coredump: " + outcome);
+  fakes::script().internalBuild = true;
+  fakes::script().helperAnswer = {0, timestamp("T")};
+  expectRun({0, timestamp("T")}, 2, true, byManager + kPath + "T-baseband.zip\n");
+  expectRun({0, timestamp("T")}, 2, false, byManager + vendor + kPath + "T-diag\n");
+  expectRun({0, timestamp("T")}, 1, false, byManager + vendor + kPath + "T-bb-trace\n");
+  for (const MessageValue& nameless : {MessageValue("T"), MessageValue(timestamp(true))}) {
+    expectRun({0, nameless}, 3, false, byManager + vendor + kPath + "-bb-trace\n");
   }
-}
+  for (const std::int32_t other : {kDown + 1, kDown & 0xFFFF, kDown ^ INT32_MIN}) {
+    expectRun({other, {}}, 2, true, kBbHeading + "Failed\n");  // all 32 bits of the status count
+  }
 
-TEST_F(LogdumpCommandTest, WaitsForALateReply) {
-  const TaskGroup gate = TaskGroup::create();
-  gate.enter();
-  fakes::script().answersWaitFor = gate;
-  auto output = std::async(std::launch::async, [&] { return run("tel", {}, {}); });
-  EXPECT_EQ(output.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-  gate.leave();
-  EXPECT_EQ(output.get(), "Telephony log collection: Success\n");
+  expectRun({kDown, {}}, 2, true, asked + withoutManager + vendor + kPath + "T-diag\n");
+  expectRun({kDown, {}}, 1, false, asked + withoutManager + vendor + kPath + "T-bb-trace\n");
+  for (const Answer& useless : {Answer(0, timestamp(true)), Answer(-1, timestamp("T"))}) {
+    fakes::script().helperAnswer = useless;
+    expectRun({kDown, timestamp("U")}, 2, true, asked + scratch);
+  }
+  fakes::script().internalBuild = false;
+  expectRun({kDown, {}}, 2, true, builds + scratch);
+  fakes::script().carrierBuild = true;
+  fakes::script().hasHelper = false;
+  expectRun({kDown, {}}, 2, true, builds + create + scratch);
 }
 
 }  // namespace

@@ -1,128 +1,111 @@
 #include "trace/Trace.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <array>
+#include <cstdlib>
 #include <set>
 #include <thread>
 #include <vector>
 
 #include "tests/fakes/Fakes.h"
 #include "trace/DevicePredicates.h"
+#include "trace/DiagConfig.h"
 
 namespace {
 
-using namespace kst::trace;  // NOLINT(google-build-using-namespace): the names make the tables
-using Log = std::vector<std::string>;
+using namespace diag::config;  // NOLINT(google-build-using-namespace): the names make the tables
+using namespace kst::trace;    // NOLINT(google-build-using-namespace)
 
-TEST(Trace, QueriesOfTheRadioKindAskOnce) {
-  fakes::script().traceAllowed = true;
-  fakes::script().carrierBuild = true;
-  const struct {
-    bool (*query)();
-    std::set<std::int32_t> kinds;
-    Log questions;
-  } cases[] = {
-      {isKernelPCITraceSupported, {3, 4, 5, 6, 7}, {"getRadio"}},
-      {isCoreDumpStatusSupported, {1, 2, 3, 8}, {"getRadio"}},
-      {isDumpLogIndicationSupported,
-       {1, 2, 3, 4, 6, 8},
-       {"isInternalBuild", "isCarrierBuild", "getRadio"}},
-      {[] { return isSupported("BasebandIPC"); }, {1, 2, 3, 4, 5, 6, 7, 8}, {"getRadio"}},
-      {isRadioInSet, {1, 2, 8}, {"getRadio"}},
-      {isRadioInComplement, {-1, 0, 3, 4, 5, 6, 7, 9, 257}, {"getRadio"}},
-  };
-  EXPECT_TRUE(isAllowed());
-  fakes::takeLog();
-  for (const auto& test : cases) {
-    for (const std::int32_t kind : {-1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 257}) {
-      SCOPED_TRACE(testing::Message() << "case " << &test - cases << ", kind " << kind);
-      fakes::script().radio = kind;
-      EXPECT_EQ(test.query(), test.kinds.contains(kind));
-      EXPECT_EQ(fakes::takeLog(), test.questions);
+using Kinds = std::set<std::int32_t>;
+using TraceTest = fakes::Test;
+
+TEST_F(TraceTest, AnswersByRadioVendorProductAndWhatIsAllowed) {
+  const Kinds all = {INT32_MIN, -1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 57, 58, 59, 60, 61, 62, 257};
+  /// The query's answer is true for these kinds of whatever it asks for.
+  const auto expectTrue = [&](const auto& query, const Kinds& kinds, const std::string& questions) {
+    for (const std::int32_t kind : all) {
+      fakes::script().radio = fakes::script().radioVendor = fakes::script().product = kind;
+      EXPECT_EQ(query(), kinds.contains(kind)) << questions << kind;
+      EXPECT_EQ(takeLog(), questions);
     }
-  }
-}
-
-TEST(Trace, AllowedIsAskedAtTheFirstUseAndNeverAgain) {
-  fakes::script().traceAllowed = true;
-  // None of these needs it.
-  for (const char* const name : {"KST", "DIAG", "Profile", "CSILog", "CoreDump", ""}) {
-    isSupported(name);
-  }
-  for (const std::int32_t kind : {0, 9}) {
-    fakes::script().radio = kind;
-    EXPECT_FALSE(isSupported("BasebandIPC"));
-    EXPECT_FALSE(isKernelPCITraceSupported());
-  }
-  EXPECT_THAT(fakes::takeLog(), testing::Each(testing::Ne("isTraceAllowed")));
-
-  std::array<std::thread, 8> threads;
-  for (std::thread& thread : threads) {
-    thread = std::thread([] { EXPECT_TRUE(isAllowed()); });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  fakes::script().traceAllowed = false;
-  EXPECT_TRUE(isSupported("ipc"));
-  EXPECT_EQ(fakes::takeLog(), Log({"isTraceAllowed"}));
-}
-
-/// Asks for every kind, on a build that allows tracing or does not.
-void checkKinds(bool allowed) {
-  fakes::script().traceAllowed = allowed;
-  EXPECT_EQ(isAllowed(), allowed);
-  fakes::takeLog();
-  const Log none;
-  const Log vendor = {"getRadioVendor"};
-  const struct {
-    std::vector<std::string> names;
-    bool onVendor1;
-    bool onVendor2;
-    bool onOthers;
-    Log questions;
-  } cases[] = {
-      {{"KST", "kst", "BasebandTrace", "CoreDump", "Profile"}, true, true, true, none},
-      {{"DIAG", "diag", "ZORCoreDump"}, false, true, false, vendor},
-      {{"JUNTrace", "junTRACE", "JUNCoreDump"}, true, false, false, vendor},
-      {{"IPC", "Compression", "QUICKTICKET", "SystemLogs"}, allowed, allowed, allowed, none},
-      {{"BasebandIPC"}, allowed, allowed, allowed, {"getRadio"}},
-      {{"CSILog", "TelephonyLog", "", "KS", "KSTT", std::string("KST\0", 4), "\xEB\xF3\xF4"},
-       false,
-       false,
-       false,
-       none},
   };
-  for (const auto& test : cases) {
-    for (const std::string& name : test.names) {
-      SCOPED_TRACE(name);
-      const std::pair<std::int32_t, bool> vendors[] = {
-          {0, test.onOthers}, {1, test.onVendor1}, {2, test.onVendor2}, {3, test.onOthers}};
-      for (const auto& [code, expected] : vendors) {
-        fakes::script().radioVendor = code;
-        EXPECT_EQ(isSupported(name), expected) << "vendor " << code;
-        EXPECT_EQ(fakes::takeLog(), test.questions);
+  const auto checkAll = [&](bool allowed) {
+    fakes::script().traceAllowed = allowed;
+    std::array<std::thread, 8> threads;
+    for (std::thread& thread : threads) {
+      thread = std::thread([&] { EXPECT_EQ(isAllowed(), allowed); });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    EXPECT_EQ(takeLog(), "isTraceAllowed\n");
+    fakes::script().traceAllowed = !allowed;  // nobody asks again
+
+    const auto ifAllowed = [&](const Kinds& kinds) { return allowed ? kinds : Kinds(); };
+    const auto expectSupported = [&](const std::vector<std::string>& names, const Kinds& kinds,
+                                     const std::string& questions) {
+      for (const std::string& name : names) {
+        expectTrue([&] { return isSupported(name); }, kinds, questions);
       }
-    }
-  }
+    };
+    expectTrue(isKernelPCITraceSupported, ifAllowed({3, 4, 5, 6, 7}), "getRadio\n");
+    expectTrue(isCoreDumpStatusSupported, {1, 2, 3, 8}, "getRadio\n");
+    expectTrue(isRadioInSet, {1, 2, 8}, "getRadio\n");
+    expectTrue(isRadioInComplement,
+               {INT32_MIN, -1, 0, 3, 4, 5, 6, 7, 9, 57, 58, 59, 60, 61, 62, 257}, "getRadio\n");
+    expectTrue(isDaemonlessProduct, {58, 59, 60, 61}, "getProduct\n");
+    expectSupported({"BasebandIPC"}, ifAllowed({1, 2, 3, 4, 5, 6, 7, 8}), "getRadio\n");
+    expectSupported({"KST", "kst", "BasebandTrace", "CoreDump", "Profile"}, all, "");
+    expectSupported({"DIAG", "diag", "zORCoreDump"}, {2}, "getRadioVendor\n");
+    expectSupported({"JUNTrace", "junTRACE", "JUNCoreDump"}, {1}, "getRadioVendor\n");
+    expectSupported({"IPC", "Compression", "QUICKTICKET", "SystemLogs"}, ifAllowed(all), "");
+    expectSupported({"CSILog", "TelephonyLog", "", "KS", "KSTT", {"KST\0", 4}, "\xEB\xF3\xF4"}, {},
+                    "");
+    fakes::script().carrierBuild = true;
+    expectTrue(isDumpLogIndicationSupported, {1, 2, 3, 4, 6, 8},
+               "isInternalBuild\nisCarrierBuild\ngetRadio\n");
+    kProfile = "Renamed";  // the names are variables
+    EXPECT_TRUE(isSupported("renamed") && !isSupported("Profile"));
+    exit(HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);  // NOLINT(concurrency-mt-unsafe)
+  };
+  // Each in a process of its own: what is allowed is asked once for the life of a process.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(checkAll(true), testing::ExitedWithCode(EXIT_SUCCESS), "");
+  EXPECT_EXIT(checkAll(false), testing::ExitedWithCode(EXIT_SUCCESS), "");
 }
 
-TEST(Trace, KindsWhereTracingIsAllowed) { checkKinds(true); }
-TEST(Trace, KindsWhereTracingIsNotAllowed) { checkKinds(false); }
-
-TEST(Trace, BuildPredicatesAskNoMoreThanTheyNeed) {
-  EXPECT_FALSE(isCarrierOnly());
+TEST_F(TraceTest, BuildPredicatesAskNoMoreThanTheyNeed) {
+  for (int flavours = 0; flavours < 8; ++flavours) {
+    const bool carrier = fakes::script().carrierBuild = (flavours & 1) != 0;
+    const bool internal = fakes::script().internalBuild = (flavours & 2) != 0;
+    fakes::script().vendorBuild = (flavours & 4) != 0;
+    EXPECT_EQ(getShouldAlwaysFilter(), flavours == 0) << flavours;
+    EXPECT_EQ(takeLog(), "isCarrierBuild\nisInternalBuild\nisVendorBuild\n");
+    EXPECT_EQ(isInternal(), internal);
+    EXPECT_EQ(takeLog(), "isInternalBuild\n");
+    EXPECT_EQ(isInternalOrCarrier(), internal || carrier);
+    EXPECT_EQ(takeLog(), internal ? "isInternalBuild\n" : "isInternalBuild\nisCarrierBuild\n");
+    EXPECT_EQ(isCarrierOnly(), carrier && !internal);
+    EXPECT_EQ(takeLog(), carrier ? "isCarrierBuild\nisInternalBuild\n" : "isCarrierBuild\n");
+  }
+  fakes::script().internalBuild = fakes::script().carrierBuild = false;
   EXPECT_FALSE(isDumpLogIndicationSupported());
-  EXPECT_EQ(fakes::takeLog(), Log({"isCarrierBuild", "isInternalBuild", "isCarrierBuild"}));
-  fakes::script().carrierBuild = true;
-  EXPECT_TRUE(isCarrierOnly());
-  fakes::script().internalBuild = true;
-  EXPECT_FALSE(isCarrierOnly());
-  fakes::takeLog();
-  EXPECT_TRUE(isDumpLogIndicationSupported());
-  EXPECT_EQ(fakes::takeLog(), Log({"isInternalBuild", "getRadio"}));
+  EXPECT_EQ(takeLog(), "isInternalBuild\nisCarrierBuild\n");
+}
+
+template <typename Enum>
+void expectTexts(const std::vector<std::string>& texts) {
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    EXPECT_EQ(toString(static_cast<Enum>(i)), texts[i]);
+  }
+  EXPECT_STREQ(toString(static_cast<Enum>(-1)), "Unknown");
+}
+
+TEST_F(TraceTest, EnumerationsHaveTexts) {
+  expectTexts<Mode>({"Active on AP", "Active external through dock",
+                     "Passive external through dock", "Passive external through software",
+                     "Passive on AP", "Unknown"});
+  expectTexts<DuringAPSleep>({"Off", "Full", "Lite", "Unknown"});
+  expectTexts<Recovery>({"None", "Reset Baseband", "Reconfigure", "Unknown"});
 }
 
 }  // namespace

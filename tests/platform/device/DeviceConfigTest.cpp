@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 
 #include "platform/device/BuildInfo.h"
@@ -15,15 +14,10 @@ namespace {
 
 class DeviceConfigTest : public testing::Test {
  protected:
-  /// Has the configuration read from `path`.
-  static void use(const std::string& path) {
-    setenv("KESTRANE_DEVICE_CONF", path.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): one thread
-  }
-
-  /// Has the configuration read from a file that holds `text`.
   void configure(const std::string& text) const {
-    std::ofstream(directory / "device.conf") << text;
-    use(directory / "device.conf");
+    std::ofstream(directory / "conf") << text;
+    setenv("KESTRANE_DEVICE_CONF", (directory / "conf").c_str(),
+           1);  // NOLINT(concurrency-mt-unsafe)
   }
 
   const TemporaryDirectory directory;
@@ -32,12 +26,12 @@ class DeviceConfigTest : public testing::Test {
 TEST_F(DeviceConfigTest, ReadsSettings) {
   configure(
       "# radio = 9\nradio = 3\r\n\nno equals sign\n= 8\n  radio_vendor\t=\t2  # two\n"
-      "product=1\nproduct=58\nunknown = 7\n"
+      "product=1\nproduct=-2147483648\nunknown = 7\n"
       "internal_build = true\ncarrier_build=1\nvendor_build = false\ntrace_allowed = 1#\n"
       "trace.BasebandTrace.Enabled = a = b \ntrace.Empty.Enabled =");
   EXPECT_EQ(RadioInfo::getRadio(), 3);
   EXPECT_EQ(RadioInfo::getRadioVendor(), 2);
-  EXPECT_EQ(RadioInfo::getProduct(), 58);
+  EXPECT_EQ(RadioInfo::getProduct(), INT32_MIN);
   EXPECT_TRUE(BuildInfo::isInternalBuild());
   EXPECT_TRUE(BuildInfo::isCarrierBuild());
   EXPECT_FALSE(BuildInfo::isVendorBuild());
@@ -46,36 +40,25 @@ TEST_F(DeviceConfigTest, ReadsSettings) {
   EXPECT_EQ(config.text("trace.BasebandTrace.Enabled"), "a = b");
   EXPECT_EQ(config.text("trace.Empty.Enabled"), "");
   EXPECT_EQ(config.text("trace.Other.Enabled"), std::nullopt);
-  configure("vendor_build = true");
+  configure("vendor_build = true");  // each question reads the file anew
   EXPECT_EQ(RadioInfo::getRadio(), 0);
   EXPECT_TRUE(BuildInfo::isVendorBuild());
 }
 
 TEST_F(DeviceConfigTest, BrokenValuesCountAsUnset) {
-  const auto expectValue = [this](const char* value, std::int32_t integer, bool flag) {
-    SCOPED_TRACE(value);
-    configure(std::string("key = ") + value + "\n");
-    EXPECT_EQ(DeviceConfig::load().integer("key"), integer);
-    EXPECT_EQ(DeviceConfig::load().flag("key"), flag);
-  };
-  expectValue("1", 1, true);
-  expectValue("true", 0, true);
-  expectValue("-2147483648", INT32_MIN, false);
-  for (const char* const broken : {"2147483648", "4294967297", "99999999999999999999", "+1", "0x1",
-                                   "1.0", "1 2", "1x", "\"1\"", "TRUE", "", "=1", "\xff"}) {
-    expectValue(broken, 0, false);
+  for (const std::string value : {"2147483648", "99999999999999999999", "+1", "1x", "TRUE", ""}) {
+    configure("key = " + value + "\n");
+    EXPECT_EQ(DeviceConfig::load().integer("key"), 0) << value;
+    EXPECT_FALSE(DeviceConfig::load().flag("key")) << value;
   }
 }
 
 TEST_F(DeviceConfigTest, OddFilesAreNoConfiguration) {
   ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
-  std::filesystem::create_symlink(directory / "loop", directory / "loop");
-  std::ofstream(directory / "bytes") << std::string("\0=\n\xff\nradio\0= 1\n=", 15);
-  for (const char* const name : {"missing", "pipe", "loop", "bytes", "", "bytes/below"}) {
+  for (const char* const name : {"missing", "pipe", ""}) {
     SCOPED_TRACE(name);
-    use(directory / name);
+    setenv("KESTRANE_DEVICE_CONF", (directory / name).c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
     EXPECT_EQ(RadioInfo::getRadio(), 0);
-    EXPECT_FALSE(BuildInfo::isTraceAllowed());
   }
 }
 
