@@ -1,12 +1,8 @@
 #include "tests/platform/bus/PrivateBus.h"
 
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -15,59 +11,46 @@ const char* const PrivateBus::kOpen =
     "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy>";
 
 PrivateBus::PrivateBus(const std::string& policy) {
-  std::string pattern = std::filesystem::temp_directory_path() / "kst-bus-XXXXXX";
-  if (!mkdtemp(pattern.data())) {
-    throw std::runtime_error("no temporary folder");
-  }
-  folder = pattern;
-  const std::string address = "unix:path=" + (folder / "bus").string();
+  const std::string address = "unix:path=" + (folder / "bus");
   std::ofstream(folder / "bus.conf")
       << "<busconfig><listen>" << address << "</listen>" << policy << "</busconfig>";
   // The bus serves whom its policy lets in.
-  std::filesystem::permissions(folder, std::filesystem::perms::owner_all |
-                                           std::filesystem::perms::group_exec |
-                                           std::filesystem::perms::others_exec);
+  std::filesystem::permissions(folder.path, std::filesystem::perms(0711));
   setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
 }
 
-PrivateBus::~PrivateBus() {
-  kill();
-  std::filesystem::remove_all(folder);
+dbus::BusPtr PrivateBus::connect() {
+  sd_bus* opened = nullptr;
+  if (sd_bus_open_system(&opened) < 0) {
+    throw std::runtime_error("no connection to the bus");
+  }
+  return dbus::BusPtr(opened);
 }
 
 void PrivateBus::start() {
-  std::array<int, 2> ready{};
-  if (pipe(ready.data()) != 0) {
-    throw std::runtime_error("no pipe");
-  }
-  daemon = fork();
-  if (daemon == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    // A group of its own: one that is orphaned while a member is stopped gets SIGHUP, all of it.
-    setpgid(0, 0);
-    const std::string config = "--config-file=" + (folder / "bus.conf").string();
-    const std::string printAddress = "--print-address=" + std::to_string(ready[1]);
-    execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nosyslog", config.c_str(),
-           printAddress.c_str(), nullptr);
-    _exit(127);
-  }
-  close(ready[1]);
-  char byte = 0;
-  const bool listens = read(ready[0], &byte, 1) == 1;  // it prints the address once it listens
-  close(ready[0]);
-  if (!listens) {
+  // A session of its own: a group that is orphaned while a member is stopped gets SIGHUP, all of
+  // it.
+  const std::string command =
+      "exec setsid setpriv --pdeathsig KILL dbus-daemon --nofork --nosyslog --print-pid "
+      "--config-file=" +
+      (folder / "bus.conf");
+  daemon = popen(command.c_str(), "re");
+  char line[16] = "";
+  // It prints its id once it listens.
+  if (!daemon || !fgets(line, sizeof line, daemon)) {
     throw std::runtime_error("dbus-daemon does not start");
   }
+  id = std::stoi(line);
 }
 
-void PrivateBus::freeze() const { ::kill(daemon, SIGSTOP); }
+void PrivateBus::freeze() const { ::kill(id, SIGSTOP); }
 
-void PrivateBus::thaw() const { ::kill(daemon, SIGCONT); }
+void PrivateBus::thaw() const { ::kill(id, SIGCONT); }
 
 void PrivateBus::kill() {
-  if (daemon > 0) {
-    ::kill(daemon, SIGKILL);
-    waitpid(daemon, nullptr, 0);
-    daemon = -1;
+  if (daemon) {
+    ::kill(id, SIGKILL);
+    pclose(daemon);
+    daemon = nullptr;
   }
 }

@@ -2,8 +2,11 @@
 
 #include <sys/types.h>
 
-#include <filesystem>
+#include <cstdio>
 #include <string>
+
+#include "platform/dbus/SdBus.h"
+#include "tests/support/TemporaryDirectory.h"
 
 /// A message bus of the test's own, which DBUS_SYSTEM_BUS_ADDRESS names as long as this lives. It
 /// can go away and come back.
@@ -16,7 +19,10 @@ class PrivateBus {
   explicit PrivateBus(const std::string& policy = kOpen);
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
-  ~PrivateBus();
+  ~PrivateBus() { kill(); }
+
+  /// A connection to the bus.
+  static dbus::BusPtr connect();
 
   /// Starts the bus and waits until it takes connections.
   void start();
@@ -31,6 +37,7 @@ class PrivateBus {
   void kill();
 
  private:
-  std::filesystem::path folder;
-  pid_t daemon = -1;
+  const TemporaryDirectory folder;
+  std::FILE* daemon = nullptr;
+  pid_t id = -1;
 };

@@ -3,19 +3,20 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tests/platform/bus/PrivateBus.h"
+
 ScriptedService::ScriptedService(const dbus::Peer& ownPeer, Script script, const std::string& state,
                                  Script tell)
-    : peer(ownPeer), perform(std::move(script)), tellState(std::move(tell)), serverState(state) {
-  sd_bus* opened = nullptr;
-  int r = sd_bus_open_system(&opened);
-  bus.reset(opened);
-  r = r < 0 ? r : sd_bus_attach_event(opened, loop.native(), SD_EVENT_PRIORITY_NORMAL);
-  r = r < 0 ? r : sd_bus_add_object(opened, nullptr, peer.path, onMessage, this);
-  r = r < 0 ? r
-            : sd_bus_request_name(opened, peer.service,
-                                  SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING);
-  if (r < 0) {
-    throw std::runtime_error("the scripted service gets no place on the bus");
+    : peer(ownPeer),
+      perform(std::move(script)),
+      tellState(std::move(tell)),
+      serverState(state),
+      bus(PrivateBus::connect()) {
+  sd_bus_attach_event(bus.get(), loop.native(), SD_EVENT_PRIORITY_NORMAL);
+  sd_bus_add_object(bus.get(), nullptr, peer.path, onMessage, this);
+  if (sd_bus_request_name(bus.get(), peer.service,
+                          SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING) < 0) {
+    throw std::runtime_error("the scripted service gets no name on the bus");
   }
   thread = std::thread([this] { loop.run(); });
 }
@@ -25,22 +26,16 @@ ScriptedService::~ScriptedService() {
   thread.join();
 }
 
-void ScriptedService::setState(const std::string& state) {
-  loop.post([this, state] { serverState = state; });
-  announce(dbus::kServerStateProperty, state);
-}
-
-void ScriptedService::announce(const char* property, const std::optional<std::string>& value) {
-  loop.post([this, property, value] {
+void ScriptedService::setState(const std::optional<std::string>& state) {
+  loop.post([this, state] {
+    serverState = state.value_or(serverState);
     sd_bus_message* made = nullptr;
     sd_bus_message_new_signal(bus.get(), &made, peer.path, "org.freedesktop.DBus.Properties",
                               "PropertiesChanged");
     const dbus::MessagePtr signal(made);
-    if (value) {
-      sd_bus_message_append(made, "sa{sv}as", peer.interface, 1, property, "s", value->c_str(), 0);
-    } else {
-      sd_bus_message_append(made, "sa{sv}as", peer.interface, 0, 2, "Other", property);
-    }
+    sd_bus_message_append(made, "sa{sv}as", peer.interface, 1,
+                          state ? dbus::kServerStateProperty : "Other", "s", serverState.c_str(), 2,
+                          "Another", state ? "Third" : dbus::kServerStateProperty);
     sd_bus_send(bus.get(), made, nullptr);
   });
 }

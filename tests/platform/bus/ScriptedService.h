@@ -31,11 +31,8 @@ class ScriptedService {
   ScriptedService& operator=(const ScriptedService&) = delete;
   ~ScriptedService();
 
-  /// Changes the server state and announces it. Several changes come out in order.
-  void setState(const std::string& state);
-
-  /// Announces that a property has this value, or, without one, has some other.
-  void announce(const char* property, const std::optional<std::string>& value);
+  /// Announces a server state, or, without one, that it has changed. Changes come out in order.
+  void setState(const std::optional<std::string>& state);
 
   /// Runs `work` on the service's thread.
   void run(std::function<void()> work) { loop.post(std::move(work)); }
