@@ -13,7 +13,6 @@ namespace {
 TEST(PrintableTextTest, PutsAQuestionMarkForWhatIsNotSafeToPrint) {
   using namespace std::string_literals;
   const std::pair<std::string, std::string> cases[] = {
-      {"", ""},
       {" ~\u00a0\u00e4\u20ac\U0001f600", " ~\u00a0\u00e4\u20ac\U0001f600"},
       {"a\nb\r\t\0\x1b[0m\x7f"s, "a?b????[0m?"},
       {"\u0080\u009f|\u2028\u2029|\u2027\u202f", "??|??|\u2027\u202f"},
@@ -58,24 +57,6 @@ TEST(ReportTest, TellsOfEveryEntryInTheOrderOfTheirNames) {
             "  e: vanished\n"
             "  f/: unreadable: closed?\n"
             "Remark: told?\n");
-  setenv("TZ", "UTC", 1);  // NOLINT(concurrency-mt-unsafe): the test has one thread
-  tzset();
-}
-
-TEST(ReportTest, KnowsHowLongItsTextGrows) {
-  Report report;
-  const CollectionRequest request{LogKind::kBaseband, false, false, std::string(2000, 'r'), "", ""};
-  for (int entry = 0; entry < 200; ++entry) {
-    const auto fate = static_cast<Fate>(entry % 5);
-    report.add({.name = std::string(static_cast<std::size_t>(entry % 40), '\xff'),
-                .size = UINT64_MAX,
-                .modified = {.tv_sec = INT32_MAX, .tv_nsec = 0},
-                .fate = fate,
-                .collected = UINT64_MAX,
-                .why = fate == Fate::kWhole ? "" : std::string(60, '\n')});
-    report.remark(std::string(static_cast<std::size_t>(entry % 40), 'r'));
-    ASSERT_LE(report.info(request, {}).size(), report.infoSize());
-  }
 }
 
 }  // namespace

@@ -14,8 +14,6 @@
 namespace collection {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 using Names = std::vector<std::string>;
@@ -69,16 +67,12 @@ TEST_F(SnapshotsTest, ReadsNamesOfSnapshotsAlone) {
   const std::string time = "2026-11-16-13-35-08-123";
   for (const std::string suffix : {"-telephony", "-telephony.zip", "-coredump", "-coredump.zip",
                                    "-baseband.zip", "-diag", "-bb-trace"}) {
-    const auto name = SnapshotName::read("log-bb-" + time + suffix);
-    ASSERT_TRUE(name) << suffix;
-    EXPECT_TRUE(name->timestamp == time && name->suffix == suffix);
+    EXPECT_EQ(SnapshotName::read("log-bb-" + time + suffix), (SnapshotName{time, suffix}));
   }
-  for (const std::string name :
-       {"", "log-bb-2026-11-16-13-35-08-123", "log-bb-2026-11-16-13-35-08-123-diag.zip",
-        "log-bb-2026-11-16-13-35-08-12-diag", "log-bb-2026-13-16-13-35-08-123-diag",
-        "log-bb-2026-11-16-13-35-08-1x3-diag", "log-bb-2026-11-16_13-35-08-123-diag",
-        ".log-bb-2026-11-16-13-35-08-123-diag"}) {
-    EXPECT_FALSE(SnapshotName::read(name)) << name;
+  for (const std::string name : {"2026-11-16-13-35-08-123-diag.zip", "2026-11-16-13-35-08-12-diag",
+                                 "2026-13-16-13-35-08-123-diag", "2026-11-16-13-35-08-1x3-diag",
+                                 "2026-11-16_13-35-08-123-diag"}) {
+    EXPECT_FALSE(SnapshotName::read("log-bb-" + name)) << name;
   }
 }
 
@@ -97,18 +91,14 @@ TEST_F(SnapshotsTest, NoTwoSnapshotsShareATimestampAndNoneIsReplaced) {
     makeIn(paths.staging, isFile ? "snapshot.zip" : "snapshot/log", each.suffix);
     const std::string another =
         paths.snapshots + "/log-bb-1970-01-01-00-" + each.taken + each.suffix;
-    calls.before = [&](const std::string& function) {
-      if (function != "renameat2") {
-        return 0;
-      }
+    calls.fail("renameat2", each.error, 0, [&] {
       if (!isThere(another)) {  // right before the name is taken, it is somebody else's
         std::ofstream(another) << "another";
       }
-      return each.error;
-    };
+    });
     const SnapshotName name = store.publish(isFile, kLastMoment, each.suffix);
     calls.before = nullptr;
-    EXPECT_TRUE(name.timestamp == each.timestamp && name.suffix == each.suffix) << name.text();
+    EXPECT_EQ(name, (SnapshotName{each.timestamp, each.suffix}));
     EXPECT_EQ(contentOf(paths.snapshots + "/" + name.text() + (isFile ? "" : "/log")), each.suffix);
     EXPECT_EQ(contentOf(another), "another");
     EXPECT_THAT(namesIn(paths.staging), IsEmpty());
@@ -116,97 +106,72 @@ TEST_F(SnapshotsTest, NoTwoSnapshotsShareATimestampAndNoneIsReplaced) {
 }
 
 TEST_F(SnapshotsTest, RemovesTheOldestBeyondTheLimits) {
-  constexpr time_t kDay = 86'400;
-  const auto bounds = [](std::size_t snapshots, std::size_t keepNewest, int maxDays = 9999,
-                         std::uint64_t maxTotal = UINT64_MAX) {
-    Limits some;
-    std::tie(some.maxSnapshots, some.keepNewest, some.maxTotal) =
-        std::tie(snapshots, keepNewest, maxTotal);
-    some.maxAge = std::chrono::days(maxDays);
-    return some;
-  };
+  constexpr std::uint64_t kAny = UINT64_MAX;
+  constexpr std::uint64_t kThree = 3 * kSome + kSome / 2;
   const struct {
-    Limits limits;
+    std::size_t maxSnapshots;
+    std::size_t keepNewest;
+    int maxDays;
+    std::uint64_t maxTotal;
     int newest;
-    time_t now;  // in days
+    int now;  // in days
     const char* left;
   } cases[] = {
-      {bounds(6, 3), 6, 9, "123456"},
-      {bounds(4, 3), 6, 9, "3456"},
-      {bounds(1, 5), 6, 9, "23456"},
-      {bounds(1, 0), 6, 9, "6"},
-      {bounds(32, 0, 5), 6, 9, "456"},   // of exactly the age: stays
-      {bounds(32, 0, 5), 6, 5000, "6"},  // the clock jumped
-      {bounds(32, 3, 5), 6, 5000, "456"},
-      {bounds(32, 0, 5), 6, -5000, "123456"},  // all of the future
-      {bounds(2, 0), 1, 1, "16"},              // the clock was set back
-      {bounds(1, 3), 2, 1, "256"},
-      {bounds(32, 0, 9999, 3 * kSome + kSome / 2), 6, 9, "456"},
-      {bounds(32, 5, 9999, 3 * kSome + kSome / 2), 6, 9, "23456"},
-      {bounds(32, 0, 9999, 1), 6, 9, "6"},
-      {bounds(32, 0, 9999, 1), 1, 9, "1"},
+      {6, 3, 9999, kAny, 6, 9, "123456"},   {4, 3, 9999, kAny, 6, 9, "3456"},
+      {1, 5, 9999, kAny, 6, 9, "23456"},    {1, 0, 9999, kAny, 6, 9, "6"},
+      {32, 0, 5, kAny, 6, 9, "456"},         // of exactly the age: stays
+      {32, 3, 5, kAny, 6, 5000, "456"},      // the clock jumped
+      {32, 0, 5, kAny, 6, -5000, "123456"},  // all of the future
+      {1, 3, 9999, kAny, 2, 1, "256"},       // the clock was set back
+      {32, 0, 9999, kThree, 6, 9, "456"},   {32, 5, 9999, kThree, 6, 9, "23456"},
+      {32, 0, 9999, 1, 1, 9, "1"},
   };
   for (const auto& each : cases) {
     makeSix();
-    limits = each.limits;
-    calls.now = each.now * kDay - kDay;  // the first day is that of time 0
-    const SnapshotStore store = open();
-    EXPECT_FALSE(store.removeOld(SnapshotName::read(nameOf(each.newest)).value()));
+    limits.maxSnapshots = each.maxSnapshots;
+    limits.keepNewest = each.keepNewest;
+    limits.maxAge = std::chrono::days(each.maxDays);
+    limits.maxTotal = each.maxTotal;
+    calls.now = (each.now - 1) * 86'400;  // the first day is that of time 0
+    EXPECT_FALSE(open().removeOld(SnapshotName::read(nameOf(each.newest)).value()));
     EXPECT_EQ(daysLeft(), each.left) << &each - cases;
-    EXPECT_THAT(namesIn(paths.staging), IsEmpty());
-  }
-  makeSix();
-  limits = bounds(1, 1);
-  const SnapshotStore store = open();
-  for (const auto& [function, left] : {std::pair("renameat", "123456"), {"unlinkat", "23456"}}) {
-    calls.fail(function, EBUSY, 0);
-    EXPECT_THAT(store.removeOld(SnapshotName::read(nameOf(6)).value()).value_or(""),
-                HasSubstr("remove " + paths.snapshots + "/" + nameOf(1)));
-    calls.before = nullptr;
-    EXPECT_EQ(daysLeft(), left);
   }
 }
 
 TEST_F(SnapshotsTest, RemovesOldOnesForRoomOnlyWhereItMustAndWhereItHelps) {
   constexpr std::uint64_t kBlock = kSome / 2;
-  const char* const lacks = "no room on the disk beside keep_free";
   const struct {
     std::uint64_t more;  // in blocks
     std::size_t keepNewest;
     KeptRoom kept;
     std::size_t freed;  // by each snapshot that goes, in blocks
-    const char* lacking;
+    bool hasRoom;
     const char* left;
   } cases[] = {// Of 1000 blocks 14 are free.
-               {14, 0, {0, 0}, 2, "", "123456"},
-               {15, 0, {0, 0}, 2, "", "23456"},
-               {17, 3, {0, 0}, 2, "", "3456"},
-               {20, 3, {0, 0}, 2, "", "456"},
-               {21, 3, {0, 0}, 2, lacks, "123456"},
-               {20, 3, {0, 0}, 0, lacks, "456"},
-               {26, 0, {0, 0}, 2, "", ""},
-               {4, 0, {0, 1}, 2, "", "123456"},
-               {5, 0, {0, 1}, 2, "", "23456"},
-               {4, 0, {10 * kBlock, 0}, 2, "", "123456"},
-               {5, 0, {10 * kBlock, 0}, 2, "", "23456"}};
+               {14, 0, {0, 0}, 2, true, "123456"},
+               {17, 3, {0, 0}, 2, true, "3456"},
+               {20, 3, {0, 0}, 2, true, "456"},
+               {21, 3, {0, 0}, 2, false, "123456"},
+               {20, 3, {0, 0}, 0, false, "456"},
+               {26, 0, {0, 0}, 2, true, ""},
+               {4, 0, {0, 1}, 2, true, "123456"},
+               {5, 0, {0, 1}, 2, true, "23456"},
+               {4, 0, {10 * kBlock, 0}, 2, true, "123456"},
+               {5, 0, {10 * kBlock, 0}, 2, true, "23456"}};
   for (const auto& each : cases) {
     makeSix();
     limits.keepNewest = each.keepNewest;
     limits.keepFree = each.kept;
-    calls.before = [&](const std::string& function) {
-      if (function == "fstatvfs") {
-        struct statvfs status {};
-        status.f_frsize = kBlock;
-        status.f_bsize = 7 * kBlock;
-        status.f_blocks = 1000;
-        status.f_bavail = 14 + each.freed * (6 - daysLeft().size());
-        status.f_bfree = 999;  // with what is not ours
-        calls.fileSystem = status;
-      }
-      return 0;
-    };
-    SnapshotStore store = open();
-    EXPECT_EQ(store.makeRoom(0, each.more * kBlock).value_or(""), each.lacking);
+    calls.at("fstatvfs", 0, [&] {
+      struct statvfs& status = calls.fileSystem.emplace();
+      status.f_frsize = kBlock;
+      status.f_bsize = 7 * kBlock;
+      status.f_blocks = 1000;
+      status.f_bavail = 14 + each.freed * (6 - daysLeft().size());
+      status.f_bfree = 999;  // with what is not ours
+    });
+    EXPECT_EQ(open().makeRoom(0, each.more * kBlock).value_or(""),
+              each.hasRoom ? "" : "no room on the disk beside keep_free");
     calls.before = nullptr;
     EXPECT_EQ(daysLeft(), each.left) << each.more;
   }
@@ -218,19 +183,14 @@ TEST_F(SnapshotsTest, LooksForRoomAgainAndAgain) {
   calls.fileSystem->f_blocks = 1000;
   SnapshotStore store = open();
   constexpr std::uint64_t kMega = 1 << 20;
-  const struct {
-    std::uint64_t available;  // in MiB; others fill the disk, too
-    std::uint64_t taken;
-    std::uint64_t more;
-    bool hasRoom;
-  } cases[] = {{500, 0, 1, true},
-               {0, 15 * kMega, kMega, true},
-               {0, 15 * kMega, kMega + 1, false},
-               {2, 16 * kMega, 2 * kMega, true},
-               {0, 16 * kMega, 2 * kMega + 1, false}};
-  for (const auto& each : cases) {
-    calls.fileSystem->f_bavail = each.available;
-    EXPECT_EQ(!store.makeRoom(each.taken, each.more), each.hasRoom) << &each - cases;
+  // What is available is in MiB; others fill the disk, too.
+  for (const auto& [available, taken, more, hasRoom] : {std::tuple(500UL, 0UL, 1UL, true),
+                                                        {0, 15 * kMega, kMega, true},
+                                                        {0, 15 * kMega, kMega + 1, false},
+                                                        {2, 16 * kMega, 2 * kMega, true},
+                                                        {0, 16 * kMega, 2 * kMega + 1, false}}) {
+    calls.fileSystem->f_bavail = available;
+    EXPECT_EQ(!store.makeRoom(taken, more), hasRoom) << taken << ' ' << more;
   }
   limits.maxTotal = 100;
   EXPECT_FALSE(store.makeRoom(40, 60));
@@ -238,39 +198,31 @@ TEST_F(SnapshotsTest, LooksForRoomAgainAndAgain) {
 }
 
 TEST_F(SnapshotsTest, ClearsItsOwnRemainsAlone) {
-  makeFile("outside/kept");
-  for (const std::string name : {"snapshot", "snapshot.zip", "removed"}) {
-    makeIn(paths.staging, name + "/a/half");
-    makeIn(paths.staging, "other/half");
-    { const SnapshotStore store = open(); }
-    EXPECT_THAT(namesIn(paths.staging), ElementsAre("other"));
-    EXPECT_EQ(symlink((directory / "outside").c_str(), (paths.staging + "/" + name).c_str()), 0);
-    {
+  const std::string staging = paths.staging.substr(directory.path.size() + 1);
+  make("outside/kept");
+  for (const std::string name : {"/snapshot", "/snapshot.zip", "/removed"}) {
+    for (const auto& remains : Names{"/a/half", "=half", ">" + directory / "outside"}) {
+      make(staging + name + remains + " " + staging + "/other/half");
       const SnapshotStore store = open();
-      EXPECT_THAT(namesIn(paths.staging), ElementsAre("other"));
-      makeIn(paths.staging, name, "not published");
+      EXPECT_EQ(tree(staging), "other/half");
+      make(staging + name + remains);  // and is not published
     }
-    EXPECT_THAT(namesIn(paths.staging), ElementsAre("other"));
-    EXPECT_THAT(entries("outside"), ElementsAre("kept"));
+    { const SnapshotStore store = open(); }
+    EXPECT_EQ(tree(staging) + " " + tree("outside"), "other/half kept");
   }
 }
 
 TEST_F(SnapshotsTest, TrustsNoFolderButItsOwn) {
-  makeFile("outside/snapshot/kept");
+  make("outside/snapshot/kept foreign/snapshot/kept file link>" + directory / "outside");
   chmod((directory / "outside").c_str(), 0777);
-  std::string foreignFolder = directory / "foreign";
-  makeFile("foreign/snapshot/kept");
-  if (chown(foreignFolder.c_str(), 65533, 65533) != 0) {
-    foreignFolder = "/usr";  // an ordinary user cannot give a folder away
-  }
-  makeFile("file");
-  makeLink("link", directory / "outside");
-  for (const auto& path : {foreignFolder, directory / "link", directory / "file"}) {
+  const bool mayGive = chown((directory / "foreign").c_str(), 65533, 65533) == 0;
+  for (const auto& path :
+       {mayGive ? directory / "foreign" : "/usr", directory / "link", directory / "file"}) {
     for (const bool isStaging : {false, true}) {
       std::string told;
       try {
-        SnapshotStore(isStaging ? path : paths.staging, isStaging ? paths.snapshots : path, limits,
-                      isCancelled);
+        SnapshotStore(isStaging ? path : directory / "own", isStaging ? directory / "own" : path,
+                      limits, isCancelled);
       } catch (const CollectionError& error) {
         told = error.what();
       }
@@ -279,22 +231,18 @@ TEST_F(SnapshotsTest, TrustsNoFolderButItsOwn) {
     }
   }
   EXPECT_EQ(modeOf(directory / "outside"), 0777);
-  EXPECT_TRUE(isThere(directory / "outside/snapshot/kept"));
-  EXPECT_TRUE(isThere(directory / "foreign/snapshot/kept"));
+  EXPECT_EQ(tree("outside") + " " + tree("foreign"), "snapshot/kept snapshot/kept");
 
   // What others might do in a folder of ours is taken away, whatever the umask.
   umask(0);
-  const std::string own = directory / "own/staging";
-  const auto modeOfOwn = [&] {
+  const std::string own = directory / "new/staging";
+  for (const auto& [before, after] :
+       {std::pair(0U, 0750U), {0777, 0750}, {0700, 0700}, {0707, 0700}, {02750, 0750}}) {
+    EXPECT_TRUE(before == 0 || kst::support::changeMode(own, before));
     const SnapshotStore store(own, paths.snapshots, limits, isCancelled);
-    return modeOf(own);
-  };
-  EXPECT_EQ(modeOfOwn(), 0750);
-  EXPECT_EQ(modeOf(directory / "own"), 0755);
-  for (const auto& [before, after] : {std::pair(0777U, 0750U), {0700, 0700}, {02750, 0750}}) {
-    EXPECT_TRUE(kst::support::changeMode(own, before));
-    EXPECT_EQ(modeOfOwn(), after);
+    EXPECT_EQ(modeOf(own), after);
   }
+  EXPECT_EQ(modeOf(directory / "new"), 0755);
 }
 
 }  // namespace

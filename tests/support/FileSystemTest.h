@@ -6,10 +6,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -42,6 +44,51 @@ class FileSystemTest : public testing::Test {
   static std::ptrdiff_t openDescriptors() {
     const std::filesystem::directory_iterator descriptors("/proc/self/fd");
     return std::distance(begin(descriptors), end(descriptors)) - 1;  // less the iterator's
+  }
+
+  /// Makes what the words tell of, below the directory and in new folders if need be: "file",
+  /// "file=content", "link>target", "fifo|" and "folder/".
+  void make(const std::string& tree) {
+    std::istringstream words(tree);
+    for (std::string word; words >> word;) {
+      const size_t mark = std::min(word.find_first_of("=>|"), word.size());
+      const std::string name = word.substr(0, mark);
+      const std::string rest = word.substr(std::min(mark + 1, word.size()));
+      std::filesystem::create_directories(std::filesystem::path(directory / name).parent_path());
+      if (word[mark] == '>') {
+        makeLink(name, rest);
+      } else if (word[mark] == '|') {
+        EXPECT_EQ(mkfifo((directory / name).c_str(), 0666), 0);
+      } else if (!word.ends_with('/')) {
+        makeFile(name, rest);
+      }
+    }
+  }
+
+  /// What stands in and below a folder, in the words of `make`, sorted; of folders the empty ones.
+  [[nodiscard]] std::string tree(const std::string& folder = "") const {
+    std::set<std::string> words;
+    const std::filesystem::path top = directory / folder;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(top)) {
+      std::string word = entry.path().lexically_relative(top);
+      if (entry.is_symlink()) {
+        word.append(">").append(read_symlink(entry.path()));
+      } else if (entry.is_directory()) {
+        word += "/";
+      } else if (entry.is_fifo()) {
+        word += "|";
+      } else if (const std::string content = contentOf(entry.path()); !content.empty()) {
+        word.append("=").append(content);
+      }
+      if (!word.ends_with('/') || is_empty(entry)) {
+        words.insert(word);
+      }
+    }
+    std::string text;
+    for (const std::string& word : words) {
+      text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
   }
 
   /// Writes a file below the directory, in new folders if need be, and returns its path.
