@@ -22,7 +22,7 @@ constexpr std::chrono::milliseconds kLookInterval{2};
 LogLock::LogLock(int directory, const std::string& folder) {
   constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
   Descriptor opened(openat(directory, lockFileOf(folder).c_str(), kFlags));
-  struct stat status {};
+  struct stat status{};
   if (!opened || fstat(opened.get(), &status) != 0) {
     trouble = errno == ENOENT ? "" : "its lock: " + std::generic_category().message(errno);
   } else if (!S_ISREG(status.st_mode)) {
@@ -62,7 +62,7 @@ void LogLock::release() {
 
 /// The lock belongs to the open file, so it does not end with another descriptor of the file.
 bool LogLock::set(short type) {
-  struct flock lock {};
+  struct flock lock{};
   lock.l_type = type;
   lock.l_whence = SEEK_SET;
   return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;

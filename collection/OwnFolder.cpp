@@ -26,7 +26,7 @@ Descriptor openOwnFolder(const std::string& path) {
   }
   Descriptor folder(
       kst::support::openPath(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0));
-  struct stat status {};
+  struct stat status{};
   if (!folder || fstat(folder.get(), &status) != 0) {
     throwCallFailed("open", path);
   }

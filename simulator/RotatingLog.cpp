@@ -22,7 +22,7 @@ class ExclusiveLock {
 
  private:
   void set(short type) const {
-    struct flock lock {};
+    struct flock lock{};
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
     fcntl(descriptor, F_SETLKW, &lock);
@@ -32,7 +32,7 @@ class ExclusiveLock {
 };
 
 std::size_t sizeOf(const std::string& path) {
-  struct stat status {};
+  struct stat status{};
   return stat(path.c_str(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
 }
 

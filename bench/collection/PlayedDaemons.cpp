@@ -78,7 +78,7 @@ Milliseconds TelephonyDaemon::writeLine() {
 }
 
 bool TelephonyDaemon::setLock(short type) const {
-  struct flock lock {};
+  struct flock lock{};
   lock.l_type = type;
   lock.l_whence = SEEK_SET;
   return fcntl(lockFile.get(), F_SETLKW, &lock) == 0;

@@ -20,7 +20,7 @@ std::string trimmed(std::string_view text) {
 }  // namespace
 
 std::vector<ConfigLine> readConfigFile(const std::string& path) {
-  struct stat status {};
+  struct stat status{};
   if (stat(path.c_str(), &status) != 0) {
     return {};
   }

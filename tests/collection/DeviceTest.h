@@ -151,7 +151,7 @@ class DeviceTest : public FileSystemTest {
   }
 
   static struct stat statusOf(const std::string& path) {
-    struct stat status {};
+    struct stat status{};
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
     return status;
   }
@@ -162,7 +162,7 @@ class DeviceTest : public FileSystemTest {
 
   /// Takes a daemon's lock through its open lock file, or gives it back.
   static bool setLock(const kst::support::Descriptor& file, short type) {
-    struct flock lock {};
+    struct flock lock{};
     lock.l_type = type;
     return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
   }

@@ -207,7 +207,9 @@ TEST_F(SnapshotsTest, ClearsItsOwnRemainsAlone) {
       EXPECT_EQ(tree(staging), "other/half");
       make(staging + name + remains);  // and is not published
     }
-    { const SnapshotStore store = open(); }
+    {
+      const SnapshotStore store = open();
+    }
     EXPECT_EQ(tree(staging) + " " + tree("outside"), "other/half kept");
   }
 }

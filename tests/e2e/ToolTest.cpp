@@ -85,22 +85,22 @@ TEST(ToolTest, WordsLinesAndWhatItInheritsDecideOutputAndStatus) {
     std::string script;
     Finished finished;  // less the path and the text of an assertion
   } cases[] = {
-    {"ksttool --", {0, "", ""}},
-    {"ksttool logdump help -- '\xff\xfe'", {1, kGroupHelp + unknown("\xff\xfe"), ""}},
-    {"printf 'cd logdump\nback\nquit\nhelp\n' | ksttool", {0, kRoot + kGroup + kRoot, ""}},
-    {"printf 'a\\0b\nhelp' | ksttool", {1, kRoot + unknown(nul) + kRoot + kRootHelp + kRoot, ""}},
-    {"ksttool logdump tel x <&- 2>&-", {0, telephony, ""}},
-    {"ksttool logdump tel x <&- >&- 2>&-", {0, "", ""}},
-    {"cd $KESTRANE_ROOT; ln -s $(command -v ksttool) name; echo cd logdump | ./name",
-     {1, "(/name)>> (/name/logdump)>> ", ""}},
+      {"ksttool --", {0, "", ""}},
+      {"ksttool logdump help -- '\xff\xfe'", {1, kGroupHelp + unknown("\xff\xfe"), ""}},
+      {"printf 'cd logdump\nback\nquit\nhelp\n' | ksttool", {0, kRoot + kGroup + kRoot, ""}},
+      {"printf 'a\\0b\nhelp' | ksttool", {1, kRoot + unknown(nul) + kRoot + kRootHelp + kRoot, ""}},
+      {"ksttool logdump tel x <&- 2>&-", {0, telephony, ""}},
+      {"ksttool logdump tel x <&- >&- 2>&-", {0, "", ""}},
+      {"cd $KESTRANE_ROOT; ln -s $(command -v ksttool) name; echo cd logdump | ./name",
+       {1, "(/name)>> (/name/logdump)>> ", ""}},
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    // The sanitizers need descriptors, addresses and a stack limit of their own.
-    {few + "exec ksttool logdump bb x", {0, alone, ""}},
-    {few + "exec ksttool logdump tel x", {1, "", kRefusal}},
-    // A thread gets a stack of the soft limit's size: there is room for the shell's own, or none.
-    {"ulimit -s 1000000; ulimit -v 1600000; exec ksttool logdump bb x", {0, alone, ""}},
-    {"ulimit -s 1000000; ulimit -v 2400000; exec ksttool logdump bb x", {0, alone, ""}},
-    {"ulimit -s 140000000000; exec ksttool help", {128 + SIGABRT, "", "ksttool"}},
+      // The sanitizers need descriptors, addresses and a stack limit of their own.
+      {few + "exec ksttool logdump bb x", {0, alone, ""}},
+      {few + "exec ksttool logdump tel x", {1, "", kRefusal}},
+      // A thread gets a stack of the soft limit's size: there is room for the shell's own, or none.
+      {"ulimit -s 1000000; ulimit -v 1600000; exec ksttool logdump bb x", {0, alone, ""}},
+      {"ulimit -s 1000000; ulimit -v 2400000; exec ksttool logdump bb x", {0, alone, ""}},
+      {"ulimit -s 140000000000; exec ksttool help", {128 + SIGABRT, "", "ksttool"}},
 #endif
   };
   const Device device;

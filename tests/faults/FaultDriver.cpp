@@ -138,10 +138,7 @@ class FaultDriver : public testing::Test {
         {"bus-falls-silent", kReal, kAny, kAllGone | kBbFailed, [&] { mute(); }},
         {"bus-falls-silent-hangs-up", kReal, kAny, 0, [&] { mute(); }, [&] { silentBus.reset(); }},
         {"forged-signals", kReal, kAnswered, kAnswered, forgeSignals},
-        {"reply-never", kScripted, kAny, 0,
-         [&] {
-           takeOver({kNever, kNever});
-         },
+        {"reply-never", kScripted, kAny, 0, [&] { takeOver({kNever, kNever}); },
          [&] { managers.clear(); }},
         {"scripted-handover", kScripted, kAnswered | kTelRefused, kAnswered | kTelRefused,
          [&] { takeOver({}); }},

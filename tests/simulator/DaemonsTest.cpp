@@ -28,7 +28,7 @@ TEST_F(DaemonsTest, ALogKeepsTheLatestLinesAndIsNotWrittenWhileSomebodyReadsIt) 
   }
   const kst::support::Descriptor file(open((directory / "logs.lock").c_str(), O_RDWR | O_CLOEXEC));
   const auto set = [&file](short type) {
-    struct flock lock {};
+    struct flock lock{};
     lock.l_type = type;
     return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
   };

@@ -166,9 +166,7 @@ TEST_F(FileOperationsTest, WaitsForAnExclusiveLockAndSharesAllOfTheFile) {
   Descriptor other(openPath(path, O_RDWR, 0));
   const auto tryLock = [](const Descriptor& file, short type, off_t start) {
     // One of the open file, to record locks as good as another process's.
-    struct flock lock {
-      type, SEEK_SET, start, 1, 0
-    };
+    struct flock lock{type, SEEK_SET, start, 1, 0};
     return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
   };
   ASSERT_TRUE(tryLock(other, F_WRLCK, 0));

@@ -86,8 +86,7 @@ class ServiceTest : public testing::Test {
  protected:
   ServiceTest() {
     bus.start();
-    service.emplace(
-        loop, dbus::kManager, [this](Call call) { handler(std::move(call)); }, [] {});
+    service.emplace(loop, dbus::kManager, [this](Call call) { handler(std::move(call)); }, [] {});
   }
   ~ServiceTest() override { end(); }
 
