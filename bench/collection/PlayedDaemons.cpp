@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/FileOperations.h"
+#include "support/RecordLock.h"
 
 namespace played {
 namespace {
@@ -78,10 +79,7 @@ Milliseconds TelephonyDaemon::writeLine() {
 }
 
 bool TelephonyDaemon::setLock(short type) const {
-  struct flock lock{};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  return fcntl(lockFile.get(), F_SETLKW, &lock) == 0;
+  return kst::support::setRecordLock(lockFile.get(), F_SETLKW, type);
 }
 
 BasebandDaemon::BasebandDaemon(const collection::DevicePaths& paths)

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -41,12 +42,12 @@ Run runOnce() {
   std::array<char*, 5> args = {words[0].data(), words[1].data(), words[2].data(), words[3].data(),
                                nullptr};
   pid_t child = -1;
-  posix_spawnp(&child, "ksttool", nullptr, nullptr, args.data(), environ);
   int status = 0;
   rusage usage{};
-  wait4(child, &status, 0, &usage);
+  const bool ran = posix_spawnp(&child, "ksttool", nullptr, nullptr, args.data(), environ) == 0 &&
+                   wait4(child, &status, 0, &usage) == child;
   const Milliseconds wall = std::chrono::steady_clock::now() - start;
-  if (status != 0) {
+  if (!ran || status != 0) {
     std::fprintf(stderr, "ksttool failed\n");
     std::exit(EXIT_FAILURE);
   }
@@ -91,8 +92,14 @@ void measureIdlePrompt() {
   std::this_thread::sleep_for(std::chrono::seconds(10));
   std::printf("\nCPU time in 10 s at the prompt: %lu ns\n%s\n", cpuTime(child) - before,
               statusLine(child, "VmHWM").c_str());
+  constexpr std::string_view kQuit = "quit\n";
+  int status = 0;
+  if (write(input[1], kQuit.data(), kQuit.size()) < 0 || waitpid(child, &status, 0) != child ||
+      status != 0) {
+    std::fprintf(stderr, "ksttool failed\n");
+    std::exit(EXIT_FAILURE);
+  }
   close(input[1]);
-  waitpid(child, nullptr, 0);
 }
 
 /// When a tool showed its first prompt, and when it had ended.

@@ -1,0 +1,1 @@
+// For targets that have headers alone.
