@@ -87,7 +87,8 @@ bool CommandBase::executeOption(const std::string& optionName, std::list<std::st
 
 void CommandBase::printHelp() {
   std::cout << std::right << std::endl
-            << "Options for command '" << kGreen << name << kDefaultColor << "':" << std::endl
+            << "Options for command '" << terminal::kGreen << name << terminal::kDefaultColor
+            << "':" << std::endl
             << std::endl;
   for (const auto& [option, handler] : options) {
     const auto help = optionHelp.find(option);

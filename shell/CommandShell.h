@@ -23,6 +23,16 @@ class CommandShell {
   /// it.
   bool run(std::list<std::string> args);
 
+  /// The words of a line: its longest runs of bytes that are not white space of ASCII. There is no
+  /// quoting.
+  static std::list<std::string> splitWords(const std::string& line);
+
+  /// The commands that the words form: split at each word "--"; a command without words is dropped.
+  static std::vector<std::list<std::string>> splitCommands(std::list<std::string> words);
+
+  /// The words of the text with `delimiter` taken for white space too.
+  static std::vector<std::string> split(std::string text, char delimiter);
+
  protected:
   /// Builds the whole command tree and returns its root; empty when that fails. Called once, at the
   /// start of `run`.
