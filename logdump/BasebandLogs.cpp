@@ -1,5 +1,6 @@
 #include "logdump/BasebandLogs.h"
 
+#include <chrono>
 #include <cstdint>
 #include <iostream>
 
@@ -11,17 +12,15 @@
 
 namespace {
 
-constexpr std::int64_t kHelperTimeoutMilliseconds = 1500;
-
-/// What uncompressed baseband logs are named by.
-std::string folderSuffix() { return kst::trace::isVendor2() ? "-diag" : "-bb-trace"; }
+constexpr std::chrono::milliseconds kHelperTimeout{1500};
 
 void printSnapshotPath(const std::string& timestamp, const std::string& suffix) {
   std::cout << "Path = " << kst::trace::kSnapshotFolder << kst::trace::kLogDirPrefix << timestamp
             << suffix << std::endl;
 }
 
-/// The logs of a collection that nobody but the daemons and the helper took part in.
+/// Prints where the logs are while the manager is down: the helper's last collection, or else the
+/// daemon's own folder.
 void printPathWithoutManager() {
   const std::string timestamp = queryHelperTimestamp();
   std::cout << "Baseband log collection: Success (KST not running)" << std::endl;
@@ -29,7 +28,7 @@ void printPathWithoutManager() {
     std::cout << "Path = " << kst::trace::kScratchFolder << diag::config::kDIAGScratchDir
               << std::endl;
   } else {
-    printSnapshotPath(timestamp, folderSuffix());
+    printSnapshotPath(timestamp, kst::trace::basebandFolderSuffix());
   }
 }
 
@@ -56,7 +55,7 @@ void dumpBasebandLogs(const std::shared_ptr<ManagerClient>& manager, std::list<s
   std::cout << "Baseband log collection: Success (KST running)" << std::endl;
   const MessageDict* dump = reply.dictionary();
   printSnapshotPath(dump ? dump->text(kst::kKeyTimestampString, "") : "",
-                    compress ? "-baseband.zip" : folderSuffix());
+                    compress ? "-baseband.zip" : kst::trace::basebandFolderSuffix());
 }
 
 }  // namespace
@@ -93,7 +92,7 @@ std::string queryHelperTimestamp() {
     return "";
   }
   MessageDict request;
-  request.set(kst::helper::kKeyTimeout, kHelperTimeoutMilliseconds);
+  request.set(kst::helper::kKeyTimeout, std::int64_t{kHelperTimeout.count()});
   MessageDict reply;
   const CommandResult result = helper->perform(
       kst::helper::TaskID::kSyscollect, kst::helper::kCommandSyscollectStatus, request, reply);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <fcntl.h>
 
 #include <cerrno>
 #include <memory>
@@ -54,6 +55,16 @@ class DirectoryStream {
 
 /// True for "." and "..", which every directory has and which are no entries of its own.
 inline bool isDotName(std::string_view name) { return name == "." || name == ".."; }
+
+/// Opens the directory, but not through a link in its last component; `directory` and `path` are
+/// those of `openat`, as is `errno`.
+inline Descriptor openFolder(int directory, const std::string& path) {
+  return Descriptor(
+      openat(directory, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+inline DirectoryStream openDirectory(int directory, const std::string& path) {
+  return DirectoryStream(openFolder(directory, path));
+}
 
 inline std::string childPath(const std::string& directory, const std::string& name) {
   return directory + '/' + name;

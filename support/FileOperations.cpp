@@ -15,6 +15,7 @@
 #include "platform/text/SplitString.h"
 #include "support/Descriptor.h"
 #include "support/DirectoryStream.h"
+#include "support/RecordLock.h"
 #include "support/TreeRemoval.h"
 
 namespace kst::support {
@@ -79,17 +80,6 @@ bool storeSize(std::streamoff end, size_t& size) {
   }
   size = static_cast<size_t>(end);
   return true;
-}
-
-/// Sets or releases the lock on the whole file, however long it grows.
-bool setLock(int descriptor, short type) {
-  struct flock lock{};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  lock.l_start = 0;
-  lock.l_len = 0;
-  lock.l_pid = getpid();
-  return fcntl(descriptor, F_SETLKW, &lock) == 0;
 }
 
 }  // namespace
@@ -255,12 +245,12 @@ bool removeTree(const std::string& path) {
 
 int lockFileShared(const std::string& path) {
   Descriptor file(openPath(path, O_RDONLY | O_CLOEXEC, 0));
-  return file && setLock(file.get(), F_RDLCK) ? file.release() : -1;
+  return file && setRecordLock(file.get(), F_SETLKW, F_RDLCK) ? file.release() : -1;
 }
 
 bool unlockFile(int descriptor) {
   const Descriptor closing(descriptor);
-  return setLock(descriptor, F_UNLCK);
+  return setRecordLock(descriptor, F_SETLKW, F_UNLCK);
 }
 
 size_t hashString(const std::string& text) { return std::hash<std::string>()(text); }

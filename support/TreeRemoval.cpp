@@ -1,6 +1,5 @@
 #include "support/TreeRemoval.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -139,11 +138,6 @@ class Removal {
 
 bool removeEntries(DirectoryStream directory, const EntryChoice& isChosen) {
   return Removal(std::move(directory), isChosen).run();
-}
-
-DirectoryStream openDirectory(int directory, const std::string& path) {
-  constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-  return DirectoryStream(Descriptor(openat(directory, path.c_str(), kFlags)));
 }
 
 bool removeFileAt(int directory, const std::string& path) {

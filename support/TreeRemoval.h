@@ -24,10 +24,6 @@ using EntryChoice = std::function<bool(int directory, const std::string& name)>;
 /// memory for the names in the directories between the given one and the one that is being emptied.
 bool removeEntries(DirectoryStream directory, const EntryChoice& isChosen);
 
-/// Opens the directory, but not through a link in its last component; `directory` and `path` are
-/// those of `openat`.
-DirectoryStream openDirectory(int directory, const std::string& path);
-
 /// `remove`, else `unlink`, with `directory` and `path` as for `unlinkat`.
 bool removeFileAt(int directory, const std::string& path);
 

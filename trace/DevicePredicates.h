@@ -17,6 +17,9 @@ inline bool isDaemonlessProduct() {
 inline bool isVendor1() { return RadioInfo::getRadioVendor() == 1; }
 inline bool isVendor2() { return RadioInfo::getRadioVendor() == 2; }
 
+/// How the name of uncompressed baseband logs ends.
+inline const char* basebandFolderSuffix() { return isVendor2() ? "-diag" : "-bb-trace"; }
+
 inline bool isInternal() { return BuildInfo::isInternalBuild(); }
 inline bool isInternalOrCarrier() {
   return BuildInfo::isInternalBuild() || BuildInfo::isCarrierBuild();
