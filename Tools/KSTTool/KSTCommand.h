@@ -5,7 +5,7 @@
 
 #include "Tools/KSTTool/KSTCommandBase.h"
 
-/// The root of the tool's command tree. Its one child is "logdump".
+/// The root of the tool's command tree: its children are the tool's commands.
 class KSTCommand : public KSTCommandBase {
  public:
   static std::shared_ptr<KSTCommand> create(const std::string& nodeName,

@@ -16,6 +16,7 @@
 #include "platform/device/ProcessQuery.h"
 #include "platform/device/ProgramName.h"
 #include "platform/device/RadioInfo.h"
+#include "platform/streams/StandardStreams.h"
 #include "platform/tasks/MainLoop.h"
 #include "platform/tasks/TaskGroup.h"
 #include "platform/tasks/TaskQueue.h"
@@ -37,18 +38,8 @@ void noteServerState(const MessageValue& payload) {
   gServerRunning.store(state == kst::kServerStateStarted, std::memory_order_relaxed);
 }
 
-/// A descriptor that the caller has closed would be given to the next file or socket opened, which
-/// then got the tool's output. It is filled here with one on which reads and writes fail as on a
-/// closed one.
-void reserveStandardDescriptors() {
-  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (fcntl(descriptor, F_GETFD) < 0) {
-      open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
-    }
-  }
-}
-
-bool hasRadio() {
+/// False, with the reason on standard output, where the tool is not to start; so for the next one.
+bool checkRadio() {
   if (RadioInfo::getRadio() != 0) {
     return true;
   }
@@ -56,7 +47,7 @@ bool hasRadio() {
   return false;
 }
 
-bool hasDaemon() {
+bool checkDaemons() {
   const bool corvendRuns = isProcessRunning("Corvend");
   const bool needsNone = kst::trace::isDaemonlessProduct();
   if (corvendRuns || needsNone || isProcessRunning("vexild")) {
@@ -102,7 +93,7 @@ int main(int argc, char** argv) {
   reserveStandardDescriptors();
   std::ios::sync_with_stdio(false);
   std::list<std::string> args(argv, argv + argc);
-  if (!hasRadio() || !hasDaemon()) {
+  if (!checkRadio() || !checkDaemons()) {
     return -1;
   }
   pthread_t shellThread{};

@@ -1,11 +1,9 @@
 #include "platform/client/ManagerClient.h"
 
 #include <cstdint>
-#include <future>
 #include <map>
 #include <mutex>
 #include <optional>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -152,23 +150,6 @@ void PerformCommand(std::shared_ptr<ManagerClient> manager, const std::string& c
     });
   };
   manager->perform(command, request, std::move(answered));
-}
-
-CommandResult PerformCommand(std::shared_ptr<ManagerClient> manager, const std::string& command,
-                             const MessageDict& request, MessageValue& reply) {
-  // It comes through the queue, and so behind the state of which the caller hears there. Shared: it
-  // is still in use when the wait ends.
-  using Outcome = std::pair<CommandResult, MessageValue>;
-  const auto promise = std::make_shared<std::promise<Outcome>>();
-  PerformCommand(
-      std::move(manager), command,
-      [promise](const CommandResult& result, const MessageValue& value) {
-        promise->set_value({result, value});
-      },
-      request);
-  Outcome outcome = promise->get_future().get();
-  reply = std::move(outcome.second);
-  return outcome.first;
 }
 
 }  // namespace kst::client

@@ -5,6 +5,7 @@
 
 #include "platform/client/Constants.h"
 #include "platform/device/DeviceConfig.h"
+#include "platform/message/MessageDict.h"
 
 namespace kst {
 

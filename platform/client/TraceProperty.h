@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/message/MessageDict.h"
+class MessageDict;
 
 namespace kst {
 

@@ -12,6 +12,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/dbus/SdBus.h"
+
 namespace dbus {
 
 namespace {
@@ -20,12 +22,6 @@ using Work = std::function<void()>;
 
 /// How much later than asked for a timer may fire, in microseconds.
 constexpr std::uint64_t kAccuracy = 1000;
-
-void check(int r, const char* call) {
-  if (r < 0) {
-    throw std::system_error(-r, std::generic_category(), call);
-  }
-}
 
 /// Leaves an event source to its loop.
 void leaveToLoop(sd_event_source* source) {
@@ -39,17 +35,18 @@ void EventLoop::EventUnref::operator()(sd_event* loop) const { sd_event_unref(lo
 
 EventLoop::EventLoop() {
   sd_event* loop = nullptr;
-  check(sd_event_new(&loop), "sd_event_new");
+  throwIfFailed(sd_event_new(&loop), "sd_event_new");
   event.reset(loop);
   const auto elapsed = [](sd_event_source*, std::uint64_t, void* self) {
     static_cast<EventLoop*>(self)->runElapsed();
     return 0;
   };
-  check(sd_event_add_time(loop, &timer, CLOCK_MONOTONIC, UINT64_MAX, kAccuracy, elapsed, this),
-        "sd_event_add_time");
+  throwIfFailed(
+      sd_event_add_time(loop, &timer, CLOCK_MONOTONIC, UINT64_MAX, kAccuracy, elapsed, this),
+      "sd_event_add_time");
   leaveToLoop(timer);
   wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  check(wakeUp < 0 ? -errno : 0, "eventfd");
+  throwIfFailed(wakeUp < 0 ? -errno : 0, "eventfd");
   const auto served = [](sd_event_source*, int, std::uint32_t, void* self) {
     static_cast<EventLoop*>(self)->runPosted();
     return 0;
@@ -58,7 +55,7 @@ EventLoop::EventLoop() {
   if (r < 0) {
     close(wakeUp);
   }
-  check(r, "sd_event_add_io");
+  throwIfFailed(r, "sd_event_add_io");
 }
 
 EventLoop::~EventLoop() {
@@ -74,7 +71,7 @@ void EventLoop::run() {
     ended = true;
     unrun.swap(posted);
   }
-  check(r, "sd_event_loop");
+  throwIfFailed(r, "sd_event_loop");
 }
 
 void EventLoop::stop() {
@@ -139,7 +136,8 @@ void EventLoop::onSignal(int signal, Work work) {
     return 0;
   };
   sd_event_source* source = nullptr;
-  check(sd_event_add_signal(event.get(), &source, signal, arrived, nullptr), "sd_event_add_signal");
+  throwIfFailed(sd_event_add_signal(event.get(), &source, signal, arrived, nullptr),
+                "sd_event_add_signal");
   sd_event_source_set_userdata(source, new Work(std::move(work)));
   sd_event_source_set_destroy_callback(source, [](void* data) { delete static_cast<Work*>(data); });
   leaveToLoop(source);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <string_view>
+#include <system_error>
 
 namespace dbus {
 
@@ -33,6 +34,12 @@ int processUntil(sd_bus* bus, std::chrono::microseconds limit, State state) {
 }
 
 }  // namespace
+
+void throwIfFailed(int result, const std::string& step) {
+  if (result < 0) {
+    throw std::system_error(-result, std::generic_category(), step);
+  }
+}
 
 bool isFromBus(sd_bus_message* message) {
   const char* sender = sd_bus_message_get_sender(message);

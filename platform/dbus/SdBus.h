@@ -1,10 +1,10 @@
 #pragma once
 
 #include <systemd/sd-bus.h>
-#include <systemd/sd-event.h>
 
 #include <chrono>
 #include <memory>
+#include <string>
 
 // Owners for what sd-bus hands out. None of it is safe to share between threads, its reference
 // counts included.
@@ -20,14 +20,13 @@ struct MessageDeleter {
 struct SlotDeleter {
   void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
 };
-struct EventSourceDeleter {
-  void operator()(sd_event_source* source) const { sd_event_source_unref(source); }
-};
 
 using BusPtr = std::unique_ptr<sd_bus, BusDeleter>;
-using EventSourcePtr = std::unique_ptr<sd_event_source, EventSourceDeleter>;
 using MessagePtr = std::unique_ptr<sd_bus_message, MessageDeleter>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, SlotDeleter>;
+
+/// Throws std::system_error, whose text begins with `step`, if the result is a negative errno.
+void throwIfFailed(int result, const std::string& step);
 
 // The bus itself, as a peer.
 inline constexpr const char* kBusService = "org.freedesktop.DBus";

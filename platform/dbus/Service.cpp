@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/client/Constants.h"
 #include "platform/dbus/MessageCodec.h"
 #include "platform/dbus/SdBus.h"
 
@@ -29,12 +30,6 @@ constexpr std::size_t kMaximumArrivals = 64;
 constexpr const char* kNameLosses =
     "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
     "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
-
-void check(int r, const std::string& step) {
-  if (r < 0) {
-    throw std::system_error(-r, std::generic_category(), step);
-  }
-}
 
 }  // namespace
 
@@ -67,7 +62,7 @@ struct Service::Connection : std::enable_shared_from_this<Connection> {
   const std::function<void()> lost;
   BusPtr bus;
   bool closing = false;  // the handlers above are not to be called any more
-  std::string serverState = "Starting";
+  std::string serverState = kst::kServerStateStarting;
   std::map<std::uint64_t, Unanswered>
       unanswered;  // by an identifier that other threads may hold; must go before `bus`
   std::uint64_t lastIdentifier = 0;
@@ -125,8 +120,8 @@ std::shared_ptr<PerformCall> Service::Connection::addUnanswered(const char* call
       std::make_shared<PerformCall>([&eventLoop = loop, watched = weak_from_this(), identifier](
                                         CommandResult result, std::optional<MessageValue> value) {
         eventLoop.post([watched, identifier, result = std::move(result), value = std::move(value)] {
-          if (const auto connection = watched.lock()) {
-            connection->sendAnswer(identifier, result, value.value_or(MessageValue()));
+          if (const auto self = watched.lock()) {
+            self->sendAnswer(identifier, result, value.value_or(MessageValue()));
           }
         });
       });
@@ -237,27 +232,28 @@ Service::Service(EventLoop& loop, const Peer& peer, Handler perform, std::functi
       SD_BUS_VTABLE_END,
   }};
   sd_bus* opened = nullptr;
-  check(sd_bus_open_system(&opened), "system bus");
+  throwIfFailed(sd_bus_open_system(&opened), "system bus");
   connection->bus.reset(opened);
-  check(awaitReady(opened, kBusLimit), "system bus");
-  check(sd_bus_set_method_call_timeout(opened, static_cast<std::uint64_t>(kBusLimit.count())),
-        "system bus");
+  throwIfFailed(awaitReady(opened, kBusLimit), "system bus");
+  throwIfFailed(
+      sd_bus_set_method_call_timeout(opened, static_cast<std::uint64_t>(kBusLimit.count())),
+      "system bus");
   // By itself, sd-bus would flush when the loop ends, and a frozen bus would hold up the end.
-  check(sd_bus_set_close_on_exit(opened, 0), "system bus");
-  check(sd_bus_attach_event(opened, loop.native(), SD_EVENT_PRIORITY_NORMAL), "system bus");
-  check(sd_bus_match_signal(opened, nullptr, "org.freedesktop.DBus.Local", nullptr,
-                            "org.freedesktop.DBus.Local", "Disconnected",
-                            Connection::onDisconnected, connection.get()),
-        "system bus");
-  check(sd_bus_add_match_async(opened, nullptr, kNameLosses, Connection::onNameLost, nullptr,
-                               connection.get()),
-        "system bus");
+  throwIfFailed(sd_bus_set_close_on_exit(opened, 0), "system bus");
+  throwIfFailed(sd_bus_attach_event(opened, loop.native(), SD_EVENT_PRIORITY_NORMAL), "system bus");
+  throwIfFailed(sd_bus_match_signal(opened, nullptr, "org.freedesktop.DBus.Local", nullptr,
+                                    "org.freedesktop.DBus.Local", "Disconnected",
+                                    Connection::onDisconnected, connection.get()),
+                "system bus");
+  throwIfFailed(sd_bus_add_match_async(opened, nullptr, kNameLosses, Connection::onNameLost,
+                                       nullptr, connection.get()),
+                "system bus");
   const sd_bus_vtable* const table =
       peer.hasServerState ? kManagerTable.data() : kHelperTable.data();
-  check(
+  throwIfFailed(
       sd_bus_add_object_vtable(opened, nullptr, peer.path, peer.interface, table, connection.get()),
       peer.path);
-  check(sd_bus_request_name(opened, peer.service, 0), peer.service);
+  throwIfFailed(sd_bus_request_name(opened, peer.service, 0), peer.service);
 }
 
 Service::~Service() {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <string_view>
 
@@ -18,6 +19,11 @@ std::string trimmed(std::string_view text) {
 }
 
 }  // namespace
+
+std::string configPath(const char* variable, const char* otherwise) {
+  const char* const path = std::getenv(variable);  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  return path ? path : otherwise;
+}
 
 std::vector<ConfigLine> readConfigFile(const std::string& path) {
   struct stat status{};
@@ -44,6 +50,6 @@ std::vector<ConfigLine> readConfigFile(const std::string& path) {
           {std::move(key), hasValue ? trimmed(setting.substr(equals + 1)) : "", hasValue});
     }
   }
-  errno = 0;
-  return lines;
+  errno = file.bad() ? EIO : 0;
+  return errno == 0 ? lines : std::vector<ConfigLine>();
 }

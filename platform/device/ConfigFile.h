@@ -10,6 +10,9 @@ struct ConfigLine {
   bool hasValue;      ///< there is a "="
 };
 
+/// Where a configuration file lies: the value of the environment variable, or else `otherwise`.
+std::string configPath(const char* variable, const char* otherwise);
+
 /// The lines of a configuration file that say something, in order: `key = value`; `#` starts a
 /// comment. None if the file is missing, unreadable or not a regular file. `errno` tells the
 /// reason, 0 for none.

@@ -1,25 +1,15 @@
 #include "platform/device/DeviceConfig.h"
 
 #include <charconv>
-#include <cstdlib>
 #include <system_error>
 #include <utility>
 
 #include "platform/device/ConfigFile.h"
 
-namespace {
-
-std::string configPath() {
-  const char* const path =
-      std::getenv("KESTRANE_DEVICE_CONF");  // NOLINT(concurrency-mt-unsafe): nobody sets it here
-  return path ? path : "/etc/kestrane/device.conf";
-}
-
-}  // namespace
-
 DeviceConfig DeviceConfig::load() {
   DeviceConfig config;
-  for (ConfigLine& line : readConfigFile(configPath())) {
+  for (ConfigLine& line :
+       readConfigFile(configPath("KESTRANE_DEVICE_CONF", "/etc/kestrane/device.conf"))) {
     if (line.hasValue) {
       config.values[std::move(line.key)] = std::move(line.value);
     }

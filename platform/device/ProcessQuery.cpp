@@ -6,8 +6,9 @@
 
 #include <array>
 #include <cctype>
+#include <cstring>
 #include <memory>
-#include <string_view>
+#include <string>
 
 namespace {
 
@@ -47,7 +48,7 @@ bool isAlive(int table, const std::string& process) {
 /// The name of the executable by the process's own arguments.
 std::string nameInArguments(int table, const std::string& process) {
   std::string arguments = readStart(table, process + "/cmdline");
-  arguments.resize(std::string_view(arguments.c_str()).size());
+  arguments.resize(std::strlen(arguments.c_str()));
   return arguments.substr(arguments.rfind('/') + 1);
 }
 

@@ -19,7 +19,7 @@ std::size_t continuationCount(unsigned char lead) {
 
 }  // namespace
 
-std::size_t messageCharacter(std::string_view bytes, char32_t& code) {
+std::size_t messageCharacterLength(std::string_view bytes, char32_t& code) {
   constexpr std::array<char32_t, 4> kSmallest = {0, 0x80, 0x800,
                                                  0x10000};  // below it: an overlong form
 
@@ -43,7 +43,7 @@ std::size_t messageCharacter(std::string_view bytes, char32_t& code) {
 bool isMessageText(std::string_view bytes) {
   char32_t code = 0;
   while (!bytes.empty()) {
-    const std::size_t length = messageCharacter(bytes, code);
+    const std::size_t length = messageCharacterLength(bytes, code);
     if (length == 0) {
       return false;
     }

@@ -1,5 +1,7 @@
 #include "platform/text/SplitString.h"
 
+namespace kst {
+
 std::vector<std::string> splitString(const std::string& text, char separator) {
   std::vector<std::string> pieces;
   std::string::size_type end = 0;
@@ -10,3 +12,5 @@ std::vector<std::string> splitString(const std::string& text, char separator) {
   }
   return pieces;
 }
+
+}  // namespace kst
