@@ -4,6 +4,7 @@
 
 #include "collection/PrintableText.h"
 #include "platform/client/Constants.h"
+#include "platform/message/MessageDict.h"
 
 namespace collection {
 namespace {
@@ -31,7 +32,7 @@ const char* actionOf(LogKind kind) {
   switch (kind) {
     case LogKind::kTelephony:
       return kst::kCollectTelephonyLogs;
-    case LogKind::kTelephonyWithCoredump:
+    case LogKind::kTelephonyWithCoreDump:
       return kst::kCollectTelephonyLogsWithCoredump;
     case LogKind::kBaseband:
       return kst::kCollectBasebandLogs;
@@ -45,17 +46,17 @@ std::optional<CollectionRequest> readCollectionRequest(const MessageDict& reques
   }
   const std::string action = request.text(kst::kKeyTraceAction, "");
   for (const LogKind kind :
-       {LogKind::kTelephony, LogKind::kTelephonyWithCoredump, LogKind::kBaseband}) {
+       {LogKind::kTelephony, LogKind::kTelephonyWithCoreDump, LogKind::kBaseband}) {
     if (action != actionOf(kind)) {
       continue;
     }
-    const bool withCoredump = kind == LogKind::kTelephonyWithCoredump;
+    const bool withCoreDump = kind == LogKind::kTelephonyWithCoreDump;
     return CollectionRequest{
         .kind = kind,
         .compress = request.boolean(kst::kKeyTraceDumpStatePerformCompression, true),
         .isIndicated = true,
         .reason = line(request,
-                       withCoredump ? kst::kKeyBasebandResetReason : kst::kKeyTraceDumpStateReason),
+                       withCoreDump ? kst::kKeyBasebandResetReason : kst::kKeyTraceDumpStateReason),
         .resetType = line(request, kst::kKeyBasebandResetType),
         .resetSubType = line(request, kst::kKeyBasebandResetSubType)};
   }

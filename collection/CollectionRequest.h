@@ -3,13 +3,13 @@
 #include <optional>
 #include <string>
 
-#include "platform/message/MessageDict.h"
+class MessageDict;
 
 namespace collection {
 
 enum class LogKind {
   kTelephony,              ///< telephony and baseband logs
-  kTelephonyWithCoredump,  ///< these and a fresh core dump
+  kTelephonyWithCoreDump,  ///< these and a fresh core dump
   kBaseband,               ///< baseband logs alone
 };
 

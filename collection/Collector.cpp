@@ -18,23 +18,21 @@
 
 #include "collection/CollectionError.h"
 #include "collection/CoreDump.h"
+#include "collection/Deadline.h"
 #include "collection/DumpIndication.h"
 #include "collection/LogSources.h"
 #include "collection/PrintableText.h"
-#include "collection/Progress.h"
 #include "collection/Report.h"
+#include "collection/SnapshotStore.h"
 #include "collection/SnapshotWriter.h"
-#include "collection/Snapshots.h"
 #include "logdump/TimestampSet.h"
-#include "platform/device/RadioInfo.h"
 #include "support/FileOperations.h"
+#include "trace/DevicePredicates.h"
 #include "trace/DiagConfig.h"
 #include "trace/Trace.h"
 
 namespace collection {
 namespace {
-
-constexpr std::int32_t kVendorWithDiag = 2;
 
 constexpr const char* kTimeWasOver = "the time was over";
 
@@ -43,7 +41,7 @@ std::string snapshotSuffix(const CollectionRequest& request) {
   switch (request.kind) {
     case LogKind::kTelephony:
       return request.compress ? "-telephony.zip" : "-telephony";
-    case LogKind::kTelephonyWithCoredump:
+    case LogKind::kTelephonyWithCoreDump:
       return request.compress ? "-coredump.zip" : "-coredump";
     case LogKind::kBaseband:
       break;
@@ -51,13 +49,25 @@ std::string snapshotSuffix(const CollectionRequest& request) {
   if (request.compress) {
     return "-baseband.zip";
   }
-  return RadioInfo::getRadioVendor() == kVendorWithDiag ? "-diag" : "-bb-trace";
+  return kst::trace::basebandFolderSuffix();
 }
 
+/// The folders of logs below the scratch folder that a collection of this kind takes.
 std::vector<std::string> sourceFolders(LogKind kind) {
-  const std::string baseband = diag::config::kDIAGScratchDir;
-  return kind == LogKind::kBaseband ? std::vector{baseband}
-                                    : std::vector<std::string>{kst::trace::kTEL, baseband};
+  const struct {
+    const char* folder;
+    bool isBaseband;  // also in a collection of baseband logs alone
+  } logs[] = {
+      {kst::trace::kTEL, false},
+      {diag::config::kDIAGScratchDir, true},
+  };
+  std::vector<std::string> folders;
+  for (const auto& log : logs) {
+    if (log.isBaseband || kind != LogKind::kBaseband) {
+      folders.emplace_back(log.folder);
+    }
+  }
+  return folders;
 }
 
 timeval presentTime() {
@@ -67,12 +77,12 @@ timeval presentTime() {
 }
 
 /// Waits for another process's collection as long as this one may take.
-std::function<bool()> patience(const Progress& progress) {
-  return [&progress] {
+std::function<bool()> patience(const Deadline& deadline) {
+  return [&deadline] {
     constexpr std::chrono::milliseconds kLookInterval{10};
-    progress.check();
+    deadline.throwIfCancelled();
     std::this_thread::sleep_for(kLookInterval);
-    return !progress.timeIsOver();
+    return !deadline.hasPassed();
   };
 }
 
@@ -84,22 +94,22 @@ class Collection {
       : paths(devicePaths),
         limits(collectionLimits),
         request(collectionRequest),
-        progress(limits.collectionTime, isCancelled),
-        store(paths.staging, paths.snapshots, limits, patience(progress)),
+        deadline(limits.collectionTime, isCancelled),
+        store(paths.staging, paths.snapshots, limits, patience(deadline)),
         start(presentTime()),
         writer(makeWriter()) {}
 
   CollectionOutcome run() {
     indicate();
-    if (request.kind == LogKind::kTelephonyWithCoredump) {
-      copyCoreDump(takeCoreDump(paths, request, limits.coreDumpTime, progress, report));
+    if (request.kind == LogKind::kTelephonyWithCoreDump) {
+      copyCoreDump(takeCoreDump(paths, request, limits.coreDumpTime, deadline, report));
     }
     copyLogs();
     writeInfo();
     writer->finish();
     const SnapshotName name = store.publish(request.compress, start, snapshotSuffix(request));
     // The logs are safe: what goes wrong with older ones is worth a word, but no failure.
-    if (const auto failure = store.removeOld(name)) {
+    if (const auto failure = store.removeOld(name, [this] { return !deadline.isCancelled(); })) {
       report.remark(*failure);
     }
     return {.result = {0, report.summary()},
@@ -125,13 +135,13 @@ class Collection {
   void copyCoreDump(OpenLog dump) {
     copy(dump, dump.record.size);
     if (dump.record.fate != Fate::kWhole) {
-      throwNothing(kst::kResultNoCoreDump, dump.record.name + ": " + dump.record.why);
+      giveUp(kst::kResultNoCoreDump, dump.record.name + ": " + dump.record.why);
     }
     report.add(std::move(dump.record));
   }
 
   void copyLogs() {
-    LogSources sources(paths.scratch, sourceFolders(request.kind), limits, progress, report);
+    LogSources sources(paths.scratch, sourceFolders(request.kind), limits, deadline, report);
     for (auto batch = sources.openNext(); !batch.empty(); batch = sources.openNext()) {
       for (OpenLog& log : batch) {
         copy(log, limits.maxSource.value_or(log.record.size));
@@ -148,13 +158,14 @@ class Collection {
     }
     const bool failed = report.count(Fate::kUnreadable) > 0;
     if (report.fileCount() == 0 && (failed || outOfTime || outOfRoom)) {
-      throwNothing(kst::kResultCollectionFailed,
-                   "nothing could be read: " + report.firstReason(Fate::kUnreadable));
+      giveUp(kst::kResultCollectionFailed,
+             "nothing could be read: " + report.firstReason(Fate::kUnreadable));
     }
   }
 
-  /// Nothing is worth a snapshot, by a limit if one was met.
-  [[noreturn]] void throwNothing(std::int32_t status, const std::string& text) const {
+  /// Ends a collection that has nothing worth keeping. A limit that was met is the reason, before
+  /// any other.
+  [[noreturn]] void giveUp(std::int32_t status, const std::string& text) const {
     if (outOfTime) {
       throw CollectionError(kst::kResultTimeOver, "the collection took too long");
     }
@@ -175,7 +186,7 @@ class Collection {
       return;
     }
     if (!writer->begin(record)) {
-      note(record, Fate::kUnreadable, "its name is taken");
+      note(record, Fate::kUnreadable, "its name is taken or too long");
       return;
     }
     record.collected = 0;
@@ -191,7 +202,7 @@ class Collection {
 
   void copyPiece(OpenLog& log, std::uint64_t rest) {
     LogRecord& record = log.record;
-    const std::size_t length = std::min<std::uint64_t>(rest, buffer.size());
+    const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(rest, buffer.size()));
     if (const auto lacking = lackFor(length)) {
       note(record, Fate::kCut, *lacking);
       return;
@@ -210,8 +221,8 @@ class Collection {
 
   /// What lacks for so many bytes more of a log, if anything does.
   Failure lackFor(std::uint64_t bytes) {
-    progress.check();
-    if (progress.timeIsOver()) {
+    deadline.throwIfCancelled();
+    if (deadline.hasPassed()) {
       outOfTime = true;
       return kTimeWasOver;
     }
@@ -251,7 +262,7 @@ class Collection {
   const DevicePaths& paths;
   const Limits& limits;
   const CollectionRequest& request;
-  const Progress progress;
+  const Deadline deadline;
   SnapshotStore store;  // removes what is staged, so it must go after `writer`
   std::optional<DumpIndication> indication;
   const timeval start;

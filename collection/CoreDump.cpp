@@ -28,7 +28,7 @@ namespace {
 constexpr std::chrono::milliseconds kLookInterval{20};
 
 /// The writing end of vexild's FIFO.
-class ControlPipe {
+class ControlWriter {
  public:
   Failure open(const std::string& path) {
     // Without a reader the open would wait; so it fails with ENXIO.
@@ -59,7 +59,7 @@ class ControlPipe {
   }
 
   /// Waits for `time`; true as soon as vexild has ended.
-  [[nodiscard]] bool readerEnds(std::chrono::milliseconds time) const {
+  [[nodiscard]] bool awaitReaderEnd(std::chrono::milliseconds time) const {
     pollfd event{.fd = end.get(), .events = 0, .revents = 0};
     return poll(&event, 1, static_cast<int>(time.count())) > 0 && (event.revents & POLLERR) != 0;
   }
@@ -124,13 +124,14 @@ class DumpFolder {
     if (!names.isOpen() || fstat(names.descriptor(), &status) != 0) {
       return errno == ENOENT ? void() : giveUp(callFailed("open", paths.coreDumps));
     }
+    std::size_t seen = 0;
     while (const dirent* entry = names.next()) {
+      if (!kst::support::isDotName(entry->d_name) && ++seen > kMostDumps) {
+        giveUp(paths.coreDumps + " holds too much");
+      }
       // With a leading "." it is not finished.
       if (entry->d_name[0] != '.') {
         met(names.descriptor(), status.st_uid, entry->d_name);
-      }
-      if (known.size() > kMostDumps) {
-        giveUp(paths.coreDumps + " holds too much");
       }
     }
   }
@@ -142,23 +143,23 @@ class DumpFolder {
 }  // namespace
 
 OpenLog takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
-                     std::chrono::milliseconds limit, const Progress& progress, Report& report) {
-  ControlPipe control;
+                     std::chrono::milliseconds limit, const Deadline& deadline, Report& report) {
+  ControlWriter control;
   if (const auto failure = control.open(paths.basebandControl)) {
     giveUp(*failure);
   }
-  const Progress::Clock::time_point deadline = progress.deadline(limit);
-  const auto vexildEnds = [&] {
-    progress.check();
-    if (Progress::Clock::now() >= deadline) {
+  const Deadline::Clock::time_point end = deadline.orAfter(limit);
+  const auto awaitVexildEnd = [&] {
+    deadline.throwIfCancelled();
+    if (Deadline::Clock::now() >= end) {
       giveUp("vexild has written no core dump to " + paths.coreDumps + " in time");
     }
-    return control.readerEnds(kLookInterval);
+    return control.awaitReaderEnd(kLookInterval);
   };
   const std::string ended = "vexild ended before it had written a core dump to " + paths.coreDumps;
   // The dump of a request that was given up is not the one that this request asks for.
   while (control.isBusy()) {
-    if (vexildEnds()) {
+    if (awaitVexildEnd()) {
       giveUp(ended);
     }
   }
@@ -167,7 +168,7 @@ OpenLog takeCoreDump(const DevicePaths& paths, const CollectionRequest& request,
     giveUp(callFailed("write", paths.basebandControl));
   }
   for (;;) {
-    const bool isLast = vexildEnds();
+    const bool isLast = awaitVexildEnd();
     OpenLog dump = dumps.openNew(report);
     if (dump.file) {
       return dump;

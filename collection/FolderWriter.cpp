@@ -7,8 +7,10 @@
 #include <cstring>
 
 #include "collection/CollectionError.h"
+#include "collection/OwnFolder.h"
 #include "collection/SnapshotWriter.h"
 #include "support/Descriptor.h"
+#include "support/DirectoryStream.h"
 #include "support/FileOperations.h"
 
 namespace collection {
@@ -17,19 +19,21 @@ namespace {
 using kst::support::Descriptor;
 
 constexpr mode_t kFolderMode = 0750;
-constexpr mode_t kFileMode = 0640;
 
 /// What a file takes on the disk beside its content: the rest of its last block, and its name.
 constexpr std::uint64_t kFileOverhead = 5120;
 
 /// Makes the folder and opens it; with `mayExist` one that is there will do, and none is given if
-/// the name is that of a file.
+/// the name is that of a file, or too long.
 Descriptor enterFolder(int parent, const std::string& name, bool mayExist) {
   const bool isNew = mkdirat(parent, name.c_str(), kFolderMode) == 0;
   if (!isNew && !(mayExist && errno == EEXIST)) {
+    if (mayExist && errno == ENAMETOOLONG) {
+      return {};
+    }
     throwCallFailed("mkdir", name);
   }
-  Descriptor folder(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  Descriptor folder = kst::support::openFolder(parent, name);
   if (!folder && errno == ENOTDIR) {
     return folder;
   }
@@ -39,7 +43,7 @@ Descriptor enterFolder(int parent, const std::string& name, bool mayExist) {
   return folder;
 }
 
-bool isEmpty(std::string_view bytes) {
+bool isAllZeros(std::string_view bytes) {
   return bytes.empty() || (bytes.front() == '\0' &&
                            std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
@@ -57,12 +61,11 @@ class FolderWriter : public SnapshotWriter {
     name = record.name;
     modified = record.modified;
     position = 0;
-    file = Descriptor(openat(here(), name.c_str() + nameBegin,
-                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
-    if (!file && (errno == EEXIST || errno == EISDIR)) {
+    file = createOwnFile(here(), name.substr(nameBegin));
+    if (!file && (errno == EEXIST || errno == EISDIR || errno == ENAMETOOLONG)) {
       return false;
     }
-    if (!file || fchmod(file.get(), kFileMode) != 0) {
+    if (!file) {
       throwCallFailed("open", name);
     }
     taken += kFileOverhead;
@@ -72,14 +75,14 @@ class FolderWriter : public SnapshotWriter {
   void write(std::string_view bytes) override {
     position += static_cast<off_t>(bytes.size());
     // A memory image is half empty: what holds nothing takes no room.
-    if (isEmpty(bytes)) {
-      ends = true;
+    if (isAllZeros(bytes)) {
+      endsInHole = true;
       if (lseek(file.get(), position, SEEK_SET) < 0) {
         throwCallFailed("lseek", name);
       }
       return;
     }
-    ends = false;
+    endsInHole = false;
     while (!bytes.empty()) {
       const ssize_t count = ::write(file.get(), bytes.data(), bytes.size());
       if (count < 0 && errno != EINTR) {
@@ -93,10 +96,10 @@ class FolderWriter : public SnapshotWriter {
 
   void end() override {
     const timespec times[] = {modified, modified};
-    if ((ends && ftruncate(file.get(), position) != 0) || futimens(file.get(), times) != 0) {
+    if ((endsInHole && ftruncate(file.get(), position) != 0) || futimens(file.get(), times) != 0) {
       throwCallFailed("write", name);
     }
-    ends = false;
+    endsInHole = false;
     file.close();
   }
 
@@ -113,7 +116,7 @@ class FolderWriter : public SnapshotWriter {
   [[nodiscard]] int here() const { return folder ? folder.get() : top.get(); }
 
   /// `path` is that of a folder below the top one, with a "/" behind each name. False if a file is
-  /// in the way.
+  /// in the way, or a name too long.
   bool enter(const std::string& path) {
     if (path == folderPath) {
       return true;
@@ -139,7 +142,7 @@ class FolderWriter : public SnapshotWriter {
   std::string name;  // of the file
   timespec modified{};
   off_t position = 0;
-  bool ends = false;  // with a hole
+  bool endsInHole = false;
   std::uint64_t taken = 0;
 };
 

@@ -3,12 +3,12 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <limits>
 #include <ostream>
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "collection/PrintableText.h"
 #include "platform/device/ConfigFile.h"
@@ -105,20 +105,14 @@ bool readLimit(const std::string& key, const std::string& value, Limits& limits)
          (key == "max_waiting" && readCount(value, limits.maxWaiting, 0));
 }
 
-std::string configPath() {
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody sets it here
-  const char* const path = std::getenv("KESTRANE_COLLECTION_CONF");
-  return path ? path : "/etc/kestrane/collection.conf";
-}
-
 }  // namespace
 
 Limits readLimits(std::ostream& problems) {
   Limits limits;
-  const std::string path = configPath();
+  const std::string path = configPath("KESTRANE_COLLECTION_CONF", "/etc/kestrane/collection.conf");
   const std::vector<ConfigLine> lines = readConfigFile(path);
-  if (errno != 0 && errno != ENOENT) {
-    problems << printable(path) << ": " << std::generic_category().message(errno) << std::endl;
+  if (const int error = errno; error != 0 && error != ENOENT) {
+    problems << printable(path) << ": " << std::generic_category().message(error) << std::endl;
   }
   for (const ConfigLine& line : lines) {
     if (!line.hasValue || !readLimit(line.key, line.value, limits)) {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "collection/DevicePaths.h"
+#include "support/RecordLock.h"
 
 namespace collection {
 namespace {
@@ -24,32 +25,34 @@ LogLock::LogLock(int directory, const std::string& folder) {
   Descriptor opened(openat(directory, lockFileOf(folder).c_str(), kFlags));
   struct stat status{};
   if (!opened || fstat(opened.get(), &status) != 0) {
-    trouble = errno == ENOENT ? "" : "its lock: " + std::generic_category().message(errno);
+    if (errno != ENOENT) {
+      failure = "its lock: " + std::generic_category().message(errno);
+    }
   } else if (!S_ISREG(status.st_mode)) {
-    trouble = "its lock is no regular file";
+    failure = "its lock is no regular file";
   } else {
     file = std::move(opened);
   }
 }
 
-void LogLock::take(std::chrono::milliseconds limit, const Progress& progress) {
+void LogLock::take(std::chrono::milliseconds limit, const Deadline& deadline) {
   if (!file) {
     return;
   }
-  const bool hasWaited = !trouble.empty();
-  const Progress::Clock::time_point deadline =
-      progress.deadline(hasWaited ? std::chrono::milliseconds(0) : limit);
+  const bool hasWaited = failure.has_value();
+  const Deadline::Clock::time_point end =
+      deadline.orAfter(hasWaited ? std::chrono::milliseconds(0) : limit);
   while (!set(F_RDLCK)) {
     if (errno != EAGAIN && errno != EACCES && errno != EINTR) {
-      trouble = "its lock: " + std::generic_category().message(errno);
+      failure = "its lock: " + std::generic_category().message(errno);
       file.close();
       return;
     }
-    if (Progress::Clock::now() >= deadline) {
-      trouble = "its lock was held for " + std::to_string(limit.count()) + " ms";
+    if (Deadline::Clock::now() >= end) {
+      failure = "its lock was held for " + std::to_string(limit.count()) + " ms";
       return;
     }
-    progress.check();
+    deadline.throwIfCancelled();
     std::this_thread::sleep_for(kLookInterval);
   }
 }
@@ -61,11 +64,6 @@ void LogLock::release() {
 }
 
 /// The lock belongs to the open file, so it does not end with another descriptor of the file.
-bool LogLock::set(short type) {
-  struct flock lock{};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
-}
+bool LogLock::set(short type) { return kst::support::setRecordLock(file.get(), F_OFD_SETLK, type); }
 
 }  // namespace collection

@@ -3,33 +3,33 @@
 #include <chrono>
 #include <string>
 
-#include "collection/Progress.h"
+#include "collection/Deadline.h"
+#include "collection/Failure.h"
 #include "support/Descriptor.h"
 
 namespace collection {
 
-/// The lock file beside a folder of logs, FOLDER.lock: the daemon that writes the folder locks it
-/// exclusively (fcntl(2)) while it writes or rotates a log. It stands beside the folder, so nobody
-/// closes it by reading the logs. A folder without one is written by no daemon.
+/// The shared side of a folder's lock file (`lockFileOf`). A folder without one is written by no
+/// daemon.
 class LogLock {
  public:
   /// Opens the lock file of `folder` in the open directory, if there is one.
   LogLock(int directory, const std::string& folder);
 
   /// Takes the shared lock; waits for `limit` at most, and after a wait in vain not again. Without
-  /// it, `problem` tells why. Throws as `progress.check` does.
-  void take(std::chrono::milliseconds limit, const Progress& progress);
+  /// it, `problem` tells why. Throws as `deadline.throwIfCancelled` does.
+  void take(std::chrono::milliseconds limit, const Deadline& deadline);
 
   void release();
 
-  /// Why the logs are not locked, for people; empty if they are or need not be.
-  [[nodiscard]] const std::string& problem() const { return trouble; }
+  /// Why the logs were not locked at some time; none if they always were or need not be.
+  [[nodiscard]] const Failure& problem() const { return failure; }
 
  private:
   bool set(short type);
 
   kst::support::Descriptor file;  // none if there is nothing to lock
-  std::string trouble;
+  Failure failure;
 };
 
 }  // namespace collection

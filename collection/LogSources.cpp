@@ -30,7 +30,7 @@ std::size_t batchSize() {
   constexpr rlim_t kMost = 4096;
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
-  return std::max<std::size_t>(std::min(limit.rlim_cur / 2, kMost), 1);
+  return std::max<std::size_t>(static_cast<std::size_t>(std::min(limit.rlim_cur / 2, kMost)), 1);
 }
 
 /// Descriptors that whoever copies the logs needs, held back while logs are opened.
@@ -51,9 +51,9 @@ void growDescriptorTable(int any) {
 }  // namespace
 
 LogSources::LogSources(const std::string& scratch, const std::vector<std::string>& folders,
-                       const Limits& collectionLimits, const Progress& collectionProgress,
-                       Report& entries)
-    : limits(collectionLimits), progress(collectionProgress), report(entries) {
+                       const Limits& collectionLimits, const Deadline& collectionDeadline,
+                       Report& logReport)
+    : limits(collectionLimits), deadline(collectionDeadline), report(logReport) {
   constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
   top = Descriptor(kst::support::openPath(scratch, kFlags, 0));
   if (!top) {
@@ -75,8 +75,8 @@ LogSources::LogSources(const std::string& scratch, const std::vector<std::string
 
 std::vector<OpenLog> LogSources::openNext() {
   std::vector<OpenLog> batch;
-  while (batch.empty() && !sources.empty() && !progress.timeIsOver()) {
-    progress.check();
+  while (batch.empty() && !sources.empty() && !deadline.hasPassed()) {
+    deadline.throwIfCancelled();
     openFromEach(batch);
     if (batch.empty() && !sources.empty()) {
       std::this_thread::sleep_for(kRest);
@@ -114,15 +114,15 @@ bool LogSources::isFinished(Source& source) {
   return false;
 }
 
-void LogSources::open(Source& source, std::vector<OpenLog>& batch, std::size_t size) {
+void LogSources::open(Source& source, std::vector<OpenLog>& batch, std::size_t fullBatch) {
   const auto reserve = reservedDescriptors(top.get());
-  const bool hadProblem = !source.lock.problem().empty();
-  source.lock.take(limits.lockTime, progress);
+  const bool hadProblem = source.lock.problem().has_value();
+  source.lock.take(limits.lockTime, deadline);
   if (!hadProblem) {
     tellOfLock(source);
   }
-  const auto end = Progress::Clock::now() + kLongestHold;
-  while (!source.walk.isAtEnd() && batch.size() < size && Progress::Clock::now() < end) {
+  const auto end = Deadline::Clock::now() + kLongestHold;
+  while (!source.walk.isAtEnd() && batch.size() < fullBatch && Deadline::Clock::now() < end) {
     if (auto log = source.walk.next(!batch.empty())) {
       batch.push_back(std::move(*log));
     } else if (source.walk.isStarved()) {
@@ -133,8 +133,8 @@ void LogSources::open(Source& source, std::vector<OpenLog>& batch, std::size_t s
 }
 
 void LogSources::tellOfLock(const Source& source) {
-  if (!source.lock.problem().empty()) {
-    report.remark(source.folder + " was not locked: " + source.lock.problem());
+  if (const Failure& problem = source.lock.problem()) {
+    report.remark(source.folder + " was not locked: " + *problem);
   }
 }
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "collection/Deadline.h"
 #include "collection/Limits.h"
 #include "collection/LogLock.h"
-#include "collection/Progress.h"
 #include "collection/Report.h"
 #include "collection/SourceWalk.h"
 #include "support/Descriptor.h"
@@ -21,10 +21,10 @@ class LogSources {
   /// `folders` below `scratch`, which is not followed if it is a link; one that is missing counts
   /// as empty. All references must outlive this.
   LogSources(const std::string& scratch, const std::vector<std::string>& folders,
-             const Limits& collectionLimits, const Progress& collectionProgress, Report& entries);
+             const Limits& collectionLimits, const Deadline& collectionDeadline, Report& logReport);
 
   /// Opens the next logs, the smaller ones first; none at the end or when the time is over. Throws
-  /// as `Progress::check` does. REQUIRES: the logs of the last batch are closed.
+  /// as `Deadline::throwIfCancelled` does. REQUIRES: the logs of the last batch are closed.
   std::vector<OpenLog> openNext();
 
   [[nodiscard]] bool isAtEnd() const { return sources.empty(); }
@@ -39,12 +39,12 @@ class LogSources {
   };
 
   void openFromEach(std::vector<OpenLog>& batch);
-  void open(Source& source, std::vector<OpenLog>& batch, std::size_t size);
+  void open(Source& source, std::vector<OpenLog>& batch, std::size_t fullBatch);
   void tellOfLock(const Source& source);
   static bool isFinished(Source& source);
 
   const Limits& limits;
-  const Progress& progress;
+  const Deadline& deadline;
   Report& report;
   kst::support::Descriptor top;
   std::list<Source> sources;  // of which something is still to be opened

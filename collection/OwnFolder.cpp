@@ -16,16 +16,14 @@ namespace collection {
 
 using kst::support::Descriptor;
 
-Descriptor openOwnFolder(const std::string& path) {
-  constexpr mode_t kMode = 0750;
+Descriptor openOwnFolder(const std::string& path, mode_t mode) {
   if (auto failure = makeFolder(kst::support::parentDirectory(path))) {
     throw CollectionError(kst::kResultCollectionFailed, *failure);
   }
-  if (mkdir(path.c_str(), kMode) != 0 && errno != EEXIST) {
+  if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) {
     throwCallFailed("mkdir", path);
   }
-  Descriptor folder(
-      kst::support::openPath(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0));
+  Descriptor folder = kst::support::openFolder(AT_FDCWD, path);
   struct stat status{};
   if (!folder || fstat(folder.get(), &status) != 0) {
     throwCallFailed("open", path);
@@ -35,10 +33,19 @@ Descriptor openOwnFolder(const std::string& path) {
         kst::kResultCollectionFailed,
         path + " belongs to the user " + std::to_string(status.st_uid) + ", not to the service");
   }
-  if ((status.st_mode & 07777 & ~kMode) != 0 && fchmod(folder.get(), status.st_mode & kMode) != 0) {
+  if ((status.st_mode & 07777 & ~mode) != 0 && fchmod(folder.get(), status.st_mode & mode) != 0) {
     throwCallFailed("chmod", path);
   }
   return folder;
+}
+
+Descriptor createOwnFile(int directory, const std::string& name) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  Descriptor file(openat(directory, name.c_str(), kFlags, kOwnFileMode));
+  if (file && fchmod(file.get(), kOwnFileMode) != 0) {
+    file.close();
+  }
+  return file;
 }
 
 bool removeEntry(int directory, const std::string& name) {

@@ -25,7 +25,7 @@ std::string printable(std::string_view text) {
   result.reserve(text.size());
   while (!text.empty()) {
     char32_t code = 0;
-    const std::size_t length = messageCharacter(text, code);
+    const std::size_t length = messageCharacterLength(text, code);
     if (length > 0 && isSafe(code)) {
       result += text.substr(0, length);
     } else {

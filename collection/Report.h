@@ -18,8 +18,8 @@ enum class Fate {
   kWhole,       ///< collected up to the size that it had when it was opened
   kCut,         ///< collected in part
   kVanished,    ///< gone before it was opened
-  kUnreadable,  ///< not collected against our will
-  kLeftOut,     ///< nothing that is collected
+  kUnreadable,  ///< should have been collected, but could not be
+  kLeftOut,     ///< of a kind that is not collected, or no time or room was left for it
 };
 
 struct LogRecord {

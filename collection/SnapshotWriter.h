@@ -21,8 +21,8 @@ class SnapshotWriter {
   virtual ~SnapshotWriter() = default;
 
   /// Begins a file of the record's name, time and expected size. What `write` adds until `end` is
-  /// its content, which may turn out shorter, but no longer. False, and nothing begun, if something
-  /// else of the snapshot has taken the name.
+  /// its content, which may turn out shorter, but no longer. False, and nothing begun, if a
+  /// folder cannot have the name, or has it already; an archive takes any.
   [[nodiscard]] virtual bool begin(const LogRecord& record) = 0;
   virtual void write(std::string_view bytes) = 0;
   virtual void end() = 0;

@@ -67,7 +67,8 @@ OpenLog openLog(int directory, const std::string& name, uid_t folderOwner) {
     const auto type = static_cast<unsigned char>(IFTODT(status.st_mode));
     return {.file = {}, .record = {.name = name, .fate = Fate::kLeftOut, .why = kindOf(type)}};
   }
-  // Whoever owns a folder may give a name in it to a file that he may not read.
+  // Whoever owns a folder may give a name in it to a file that he may not read; where the kernel
+  // protects hard links (fs.protected_hardlinks), not even that.
   if (status.st_nlink > 1 && status.st_uid != folderOwner) {
     return {
         .file = {},
@@ -136,6 +137,7 @@ std::optional<OpenLog> SourceWalk::meet(const std::string& name, unsigned char t
                                                                     : open(name, path);
   }
   if (type == DT_DIR) {
+    told += Report::sizeOf({.name = path});  // folders without end would take all the time
     enter(directory, name, path);
   } else {
     report({.name = path, .fate = Fate::kLeftOut, .why = kindOf(type)});
@@ -150,8 +152,7 @@ void SourceWalk::enter(int directory, const std::string& name, const std::string
             .why = "deeper than " + std::to_string(kDeepest) + " folders"});
     return;
   }
-  constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  Descriptor opened(openat(directory, name.c_str(), kFlags));
+  Descriptor opened = kst::support::openFolder(directory, name);
   struct stat status{};
   if (opened && fstat(opened.get(), &status) == 0) {
     DirectoryStream stream(std::move(opened));

@@ -7,19 +7,17 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <limits>
 #include <utility>
 #include <vector>
 
 #include "collection/CollectionError.h"
+#include "collection/OwnFolder.h"
 #include "collection/SnapshotWriter.h"
 #include "platform/message/Utf8.h"
 #include "support/Descriptor.h"
 
 namespace collection {
 namespace {
-
-constexpr mode_t kFileMode = 0640;
 
 /// The headers of an entry at two places, with their fields for large files and times but without
 /// its name.
@@ -38,9 +36,8 @@ struct ZipCloser {
 };
 
 FilePointer createFile(int directory, const std::string& name) {
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  kst::support::Descriptor created(openat(directory, name.c_str(), kFlags, kFileMode));
-  if (!created || fchmod(created.get(), kFileMode) != 0) {
+  kst::support::Descriptor created = createOwnFile(directory, name);
+  if (!created) {
     throwCallFailed("open", name);
   }
   FilePointer file(fdopen(created.get(), "wb"));
@@ -54,7 +51,8 @@ FilePointer createFile(int directory, const std::string& name) {
 tm_zip localTime(time_t time) {
   tm local{};
   localtime_r(&time, &local);
-  const auto field = [](int value) { return static_cast<uInt>(value); };
+  // Unsigned in older releases of the library.
+  const auto field = [](int value) { return static_cast<decltype(tm_zip::tm_sec)>(value); };
   // The format knows the years from 1980 to 2107.
   if (local.tm_year < 80) {
     return {.tm_sec = 0, .tm_min = 0, .tm_hour = 0, .tm_mday = 1, .tm_mon = 0, .tm_year = 1980};
@@ -92,6 +90,7 @@ class ZipWriter : public SnapshotWriter {
     functions.opaque = file.get();
     functions.zopen64_file = [](void* opened, const void*, int) { return opened; };
     functions.zclose_file = [](void*, void*) { return 0; };
+    errno = 0;
     archive.reset(zipOpen2_64(name.c_str(), APPEND_STATUS_CREATE, nullptr, &functions));
     check(archive ? ZIP_OK : ZIP_ERRNO);
   }
@@ -103,7 +102,7 @@ class ZipWriter : public SnapshotWriter {
     const auto timeSize = static_cast<uInt>(time.size());
     zip_fileinfo info{};
     info.tmz_date = localTime(record.modified.tv_sec);
-    info.external_fa = uLong{S_IFREG | kFileMode} << 16;
+    info.external_fa = uLong{S_IFREG | kOwnFileMode} << 16;
     errno = 0;
     check(zipOpenNewFileInZip4_64(archive.get(), record.name.c_str(), &info, time.data(), timeSize,
                                   time.data(), timeSize, nullptr, Z_DEFLATED, Z_BEST_SPEED, 1,

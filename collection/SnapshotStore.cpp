@@ -1,4 +1,4 @@
-#include "collection/Snapshots.h"
+#include "collection/SnapshotStore.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <optional>
@@ -34,22 +33,6 @@ using kst::support::DirectoryStream;
 constexpr const char* kStagedFolder = "snapshot";
 constexpr const char* kStagedFile = "snapshot.zip";
 constexpr const char* kRemoved = "removed";
-
-constexpr auto kSuffixes =
-    std::to_array<std::string_view>({"-telephony", "-telephony.zip", "-coredump", "-coredump.zip",
-                                     "-baseband.zip", "-diag", "-bb-trace"});
-
-/// The time of a name; nothing if there is no such time.
-std::optional<time_t> timeOf(const std::string& timestamp) {
-  tm local{};
-  const char* const end = strptime(timestamp.c_str(), "%Y-%m-%d-%H-%M-%S", &local);
-  if (end == nullptr) {
-    return {};
-  }
-  local.tm_isdst = -1;
-  const time_t time = mktime(&local);
-  return time == -1 ? std::nullopt : std::optional(time);
-}
 
 timeval oneMillisecondAfter(timeval time) {
   time.tv_usec += 1000;
@@ -83,8 +66,7 @@ std::uint64_t sizeOnDisk(int directory, const std::string& name, int depth = 0) 
   if (!S_ISDIR(status.st_mode) || depth >= kDeepest) {
     return size;
   }
-  const Descriptor folder(
-      openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const Descriptor folder = kst::support::openFolder(directory, name);
   for (const std::string& entry : entriesOf(folder.get())) {
     size += sizeOnDisk(folder.get(), entry, depth + 1);
   }
@@ -110,31 +92,13 @@ bool renameToFree(int from, const char* oldName, int to, const std::string& newN
 
 }  // namespace
 
-std::optional<SnapshotName> SnapshotName::read(const std::string& name) {
-  constexpr std::string_view kPattern = "dddd-dd-dd-dd-dd-dd-ddd";
-  const std::string_view prefix = kst::trace::kLogDirPrefix;
-  if (!name.starts_with(prefix) || name.size() < prefix.size() + kPattern.size()) {
-    return {};
-  }
-  SnapshotName read{.timestamp = name.substr(prefix.size(), kPattern.size()),
-                    .suffix = name.substr(prefix.size() + kPattern.size())};
-  const bool isTimestamp = std::equal(
-      kPattern.begin(), kPattern.end(), read.timestamp.begin(), [](char wanted, char found) {
-        return wanted == 'd' ? found >= '0' && found <= '9' : found == wanted;
-      });
-  const bool isSuffix =
-      std::find(kSuffixes.begin(), kSuffixes.end(), read.suffix) != kSuffixes.end();
-  return isTimestamp && isSuffix && timeOf(read.timestamp) ? std::optional(read) : std::nullopt;
-}
-
-std::string SnapshotName::text() const { return kst::trace::kLogDirPrefix + timestamp + suffix; }
-
 SnapshotStore::SnapshotStore(const std::string& stagingPath, const std::string& snapshotsPath,
                              const Limits& storeLimits, const std::function<bool()>& mayWait)
     : limits(storeLimits),
       snapshotsName(snapshotsPath),
-      staging(openOwnFolder(stagingPath)),
-      snapshots(openOwnFolder(snapshotsPath)) {
+      // Who may open it could lock it for good.
+      staging(openOwnFolder(stagingPath, 0700)),
+      snapshots(openOwnFolder(snapshotsPath, 0750)) {
   while (flock(staging.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) {
       throwCallFailed("flock", stagingPath);
@@ -212,7 +176,8 @@ SnapshotName SnapshotStore::publish(bool isFile, const timeval& start, const std
   return name;
 }
 
-Failure SnapshotStore::removeOld(const SnapshotName& newest) const {
+Failure SnapshotStore::removeOld(const SnapshotName& newest,
+                                 const std::function<bool()>& mayGoOn) const {
   std::vector<SnapshotName> others = names();
   std::vector<std::uint64_t> sizes;
   std::erase(others, newest);
@@ -223,8 +188,8 @@ Failure SnapshotStore::removeOld(const SnapshotName& newest) const {
   }
   const std::size_t kept = std::max<std::size_t>(limits.keepNewest, 1) - 1;
   const time_t now = std::time(nullptr);
-  for (std::size_t oldest = 0; others.size() - oldest > kept; ++oldest) {
-    const time_t age = now - timeOf(others[oldest].timestamp).value_or(now);
+  for (std::size_t oldest = 0; others.size() - oldest > kept && mayGoOn(); ++oldest) {
+    const time_t age = now - others[oldest].time().value_or(now);
     if (age <= limits.maxAge.count() && total <= limits.maxTotal &&
         others.size() - oldest < limits.maxSnapshots) {
       break;

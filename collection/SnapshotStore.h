@@ -2,32 +2,17 @@
 
 #include <sys/time.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "collection/Failure.h"
 #include "collection/Limits.h"
+#include "collection/SnapshotName.h"
 #include "support/Descriptor.h"
 
 namespace collection {
-
-/// A snapshot's name: kLogDirPrefix, its local time to the millisecond, and a suffix that tells
-/// its kind. Nothing else in the folder of snapshots is ever counted or removed.
-struct SnapshotName {
-  std::string timestamp;  ///< "2026-11-16-13-35-08-123"
-  std::string suffix;     ///< "-telephony.zip"
-
-  /// The parts of a name; nothing if it is none of a snapshot.
-  static std::optional<SnapshotName> read(const std::string& name);
-
-  [[nodiscard]] std::string text() const;
-
-  friend bool operator==(const SnapshotName&, const SnapshotName&) = default;
-};
 
 /// The staging folder, in which one collection at a time makes its snapshot, and the folder of
 /// finished snapshots on the same file system. Operations throw CollectionError unless they say
@@ -56,12 +41,13 @@ class SnapshotStore {
 
   /// Moves the staged snapshot to its final name, which nothing has yet, and makes the move safe
   /// against a power failure. The name's timestamp is that of `start`, or of the first millisecond
-  /// behind it under which there is no snapshot of any kind.
+  /// after it for which there is no snapshot of any kind.
   SnapshotName publish(bool isFile, const timeval& start, const std::string& suffix);
 
   /// Removes old snapshots, the oldest ones first, until the others are within the limits; never
-  /// `newest`, nor the newest few. Does not throw.
-  [[nodiscard]] Failure removeOld(const SnapshotName& newest) const;
+  /// `newest`, nor the newest few. `mayGoOn` is asked before each. Does not throw.
+  [[nodiscard]] Failure removeOld(const SnapshotName& newest,
+                                  const std::function<bool()>& mayGoOn) const;
 
   /// The bytes that snapshots take on the disk.
   [[nodiscard]] std::uint64_t sizeOf(const std::vector<SnapshotName>& counted) const;

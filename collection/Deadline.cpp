@@ -1,4 +1,4 @@
-#include "collection/Progress.h"
+#include "collection/Deadline.h"
 
 #include <algorithm>
 
@@ -7,16 +7,16 @@
 
 namespace collection {
 
-Progress::Progress(std::chrono::milliseconds limit, const std::function<bool()>& isCancelled)
+Deadline::Deadline(std::chrono::milliseconds limit, const std::function<bool()>& isCancelled)
     : end(Clock::now() + limit), cancelled(isCancelled) {}
 
-void Progress::check() const {
-  if (cancelled()) {
+void Deadline::throwIfCancelled() const {
+  if (isCancelled()) {
     throw CollectionError(kst::kResultStopping, "the collection was broken off");
   }
 }
 
-Progress::Clock::time_point Progress::deadline(std::chrono::milliseconds limit) const {
+Deadline::Clock::time_point Deadline::orAfter(std::chrono::milliseconds limit) const {
   return std::min(Clock::now() + limit, end);
 }
 
