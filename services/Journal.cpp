@@ -10,7 +10,10 @@
 #include <cstdint>
 #include <vector>
 
+#include "collection/CollectionRequest.h"
+#include "collection/Collector.h"
 #include "collection/PrintableText.h"
+#include "platform/dbus/Service.h"
 #include "support/FileOperations.h"
 
 namespace services {

@@ -5,9 +5,14 @@
 #include <chrono>
 #include <string>
 
-#include "collection/CollectionRequest.h"
-#include "collection/Collector.h"
-#include "platform/dbus/Service.h"
+namespace collection {
+struct CollectionOutcome;
+struct CollectionRequest;
+}  // namespace collection
+
+namespace dbus {
+class PerformCall;
+}
 
 namespace services {
 

@@ -6,8 +6,9 @@
 
 #include "platform/client/Constants.h"
 #include "platform/client/TraceProperty.h"
+#include "platform/options/ProgramOptions.h"
+#include "platform/streams/StandardStreams.h"
 #include "services/CollectingService.h"
-#include "services/ServiceOptions.h"
 
 namespace {
 
@@ -41,13 +42,15 @@ void perform(services::CollectingService& service, const Call& call) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto options = services::readServiceOptions(argc, argv);
-  if (!options) {
-    std::cerr << "usage: kestrane [--root DIR]" << std::endl;
-    return 2;
+  reserveStandardDescriptors();
+  const DaemonOptions options =
+      readDaemonOptions(argc, argv, "kestrane",
+                        "The manager service: collects logs and answers questions about traces.");
+  if (!options.root) {
+    return options.exitStatus;
   }
   services::CollectingService service("kestrane", dbus::kManager,
-                                      collection::DevicePaths(options->root),
+                                      collection::DevicePaths(*options.root),
                                       collection::readLimits(std::cerr));
   return service.run([&service](const Call& call) { perform(service, call); });
 }

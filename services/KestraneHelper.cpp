@@ -6,17 +6,19 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "platform/client/Constants.h"
+#include "platform/options/ProgramOptions.h"
+#include "platform/streams/StandardStreams.h"
 #include "services/CollectingService.h"
-#include "services/ServiceOptions.h"
 
 namespace {
 
-constexpr std::int64_t kDefaultTimeout = 1500;   // milliseconds
-constexpr std::int64_t kLongestTimeout = 60000;  // milliseconds
+constexpr std::chrono::milliseconds kDefaultTimeout{1500};
+constexpr std::chrono::milliseconds kLongestTimeout{60'000};
 constexpr std::chrono::minutes kUnclaimedLifetime{1};
 
 using Call = std::shared_ptr<dbus::PerformCall>;
@@ -28,9 +30,9 @@ void answerWith(const collection::CollectionOutcome& outcome, const Call& call) 
 /// Belongs to the main thread.
 class Helper {
  public:
-  Helper(const services::ServiceOptions& options, const collection::Limits& collectionLimits)
+  Helper(const std::string& root, const collection::Limits& collectionLimits)
       : limits(collectionLimits),
-        service("kestrane-helper", dbus::kHelper, collection::DevicePaths(options.root), limits) {}
+        service("kestrane-helper", dbus::kHelper, collection::DevicePaths(root), limits) {}
 
   int run() {
     return service.run([this](Call call) { perform(std::move(call)); });
@@ -42,7 +44,7 @@ class Helper {
     if (command.task != static_cast<std::int32_t>(kst::helper::TaskID::kSyscollect) ||
         command.name != kst::helper::kCommandSyscollectStatus) {
       call->answer({kst::kResultUnknownCommand, "unknown command"});
-    } else if (!hasTimeout(command.request)) {
+    } else if (!isTimeoutValid(command.request)) {
       call->answer({kst::kResultInvalidRequest, "the timeout is no number"});
     } else if (unclaimed) {
       answerWith(*std::exchange(unclaimed, std::nullopt), call);
@@ -51,7 +53,7 @@ class Helper {
     }
   }
 
-  static bool hasTimeout(const MessageDict& request) {
+  static bool isTimeoutValid(const MessageDict& request) {
     const MessageValue* timeout = request.find(kst::helper::kKeyTimeout);
     return timeout == nullptr || timeout->integer() != nullptr;
   }
@@ -63,10 +65,9 @@ class Helper {
       call->answer({kst::kResultBusy, "too many requests are waiting"});
       return;
     }
-    const std::int64_t timeout = std::clamp<std::int64_t>(
-        call->command.request.integer(kst::helper::kKeyTimeout, kDefaultTimeout), 0,
-        kLongestTimeout);
-    service.after(std::chrono::milliseconds(timeout),
+    const std::chrono::milliseconds wanted(
+        call->command.request.integer(kst::helper::kKeyTimeout, kDefaultTimeout.count()));
+    service.after(std::clamp(wanted, std::chrono::milliseconds(0), kLongestTimeout),
                   [this, late = std::weak_ptr(call)] { giveUp(late.lock()); });
     waiting.push_back(call);
     if (!std::exchange(collecting, true)) {
@@ -124,10 +125,12 @@ class Helper {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto options = services::readServiceOptions(argc, argv);
-  if (!options) {
-    std::cerr << "usage: kestrane-helper [--root DIR]" << std::endl;
-    return 2;
+  reserveStandardDescriptors();
+  const DaemonOptions options = readDaemonOptions(
+      argc, argv, "kestrane-helper",
+      "The helper service: collects baseband logs while the manager does not run.");
+  if (!options.root) {
+    return options.exitStatus;
   }
-  return Helper(*options, collection::readLimits(std::cerr)).run();
+  return Helper(*options.root, collection::readLimits(std::cerr)).run();
 }

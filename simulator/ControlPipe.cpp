@@ -23,13 +23,17 @@ collection::Failure ControlPipe::open(const std::string& path) {
   if (mkfifo(path.c_str(), 0600) != 0 && errno != EEXIST) {
     return collection::callFailed("mkfifo", path);
   }
-  reader =
-      kst::support::Descriptor(kst::support::openPath(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
+  reader = kst::support::Descriptor(
+      kst::support::openPath(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0));
   if (!reader) {
     return collection::callFailed("open", path);
   }
-  writer =
-      kst::support::Descriptor(kst::support::openPath(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC, 0));
+  struct stat status{};
+  if (fstat(reader.get(), &status) != 0 || !S_ISFIFO(status.st_mode)) {
+    return path + " is no FIFO";  // anything else always has something to be read
+  }
+  writer = kst::support::Descriptor(
+      kst::support::openPath(path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0));
   if (!writer) {
     return collection::callFailed("open", path);
   }
@@ -48,7 +52,7 @@ std::vector<std::string> ControlPipe::wait(std::chrono::milliseconds time) const
   while ((count = read(reader.get(), buffer.data(), buffer.size())) > 0) {
     text.append(buffer.data(), static_cast<std::size_t>(count));
   }
-  return splitString(text, '\n');
+  return kst::splitString(text, '\n');
 }
 
 }  // namespace simulator

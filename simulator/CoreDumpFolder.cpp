@@ -3,7 +3,6 @@
 #include <fcntl.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <random>
 #include <utility>
 #include <vector>

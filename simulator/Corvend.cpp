@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "collection/DevicePaths.h"
-#include "simulator/DaemonOptions.h"
+#include "platform/options/ProgramOptions.h"
 #include "simulator/LogLines.h"
 #include "simulator/RotatingLog.h"
 
@@ -29,11 +29,12 @@ constexpr std::chrono::milliseconds kLineInterval{100};
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto root = simulator::readDaemonRoot(argc, argv);
-  if (!root) {
-    return 2;
+  const DaemonOptions options =
+      readDaemonOptions(argc, argv, "Corvend", "The simulated telephony daemon: writes its log.");
+  if (!options.root) {
+    return options.exitStatus;
   }
-  simulator::RotatingLog log(collection::DevicePaths(*root).telephonyLogs, "telephony.log",
+  simulator::RotatingLog log(collection::DevicePaths(*options.root).telephonyLogs, "telephony.log",
                              {.fileSize = 65'536, .olderFiles = 3});
   if (const auto failure = log.open()) {
     std::cerr << "Corvend: " << *failure << std::endl;

@@ -15,6 +15,8 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/options/ProgramOptions.h"
+#include "platform/streams/StandardStreams.h"
 #include "simulator/ChildProcess.h"
 #include "simulator/PrivateBus.h"
 #include "simulator/Signals.h"
@@ -33,13 +35,14 @@ constexpr int kNotFound = 127;
 
 constexpr const char* kUsage =
     "usage: kst-simulator [--conf FILE] [--root DIR] [--absent NAME]... [-- COMMAND [ARG]...]\n"
-    "       kst-simulator --help\n"
+    "       kst-simulator --help | --version\n"
     "Runs COMMAND, or a shell, on a simulated device and ends with its exit status.\n"
     "\n"
     "  --conf FILE    the device.conf of the device, instead of one of the simulator's own\n"
     "  --root DIR     the file tree of the device, which is kept, instead of a temporary one\n"
     "  --absent NAME  leaves out one of manager, helper, corvend, vexild\n"
     "  --help         prints this\n"
+    "  --version      prints the version\n"
     "\n"
     "COMMAND finds a standard stream closed that is closed here, and these variables set:\n"
     "  DBUS_SYSTEM_BUS_ADDRESS   the bus of the device\n"
@@ -47,7 +50,7 @@ constexpr const char* kUsage =
     "  KESTRANE_DEVICE_CONF      the device.conf\n"
     "  KESTRANE_ROOT             the file tree; var/log/NAME.log below it is standard error of\n"
     "                            kestrane, kestrane-helper, Corvend and vexild\n"
-    "  PATH                      the folder of these programs before all others\n";
+    "  PATH                      the folder of kst-simulator and ksttool before all others\n";
 
 /// A phone with everything that its tool asks for.
 constexpr const char* kDeviceConfiguration =
@@ -62,17 +65,6 @@ constexpr const char* kCollectionConfiguration =
     "# The disk of this machine is not that of the device.\n"
     "keep_free = 0\n";
 
-/// A standard stream that is closed would give its number to the first file that is opened, which
-/// would then be taken for the stream. It is filled here with one on which reads and writes fail as
-/// on a closed one, and which is closed again for the command.
-void reserveStandardDescriptors() {
-  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (fcntl(descriptor, F_GETFD) < 0) {
-      open("/dev/null", (descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
-    }
-  }
-}
-
 std::string programFolder() { return fs::read_symlink("/proc/self/exe").parent_path(); }
 
 std::string deviceRoot(const std::string& wanted, const std::string& temporary) {
@@ -81,22 +73,15 @@ std::string deviceRoot(const std::string& wanted, const std::string& temporary) 
   return root;
 }
 
-std::string deviceConfiguration(const std::string& wanted, const std::string& temporary) {
+std::string deviceConfiguration(const std::string& wanted,
+                                const simulator::TemporaryFolder& temporary) {
   if (!wanted.empty()) {
     if (!std::ifstream(wanted)) {
       throw std::runtime_error("cannot read " + wanted);
     }
     return fs::absolute(wanted);
   }
-  std::string path = temporary + "/device.conf";
-  std::ofstream(path) << kDeviceConfiguration;
-  return path;
-}
-
-std::string collectionConfiguration(const std::string& temporary) {
-  std::string path = temporary + "/collection.conf";
-  std::ofstream(path) << kCollectionConfiguration;
-  return path;
+  return temporary.addFile("device.conf", kDeviceConfiguration);
 }
 
 void setVariable(const char* name, const std::string& value) {
@@ -160,9 +145,10 @@ int simulate(const simulator::SimulatorOptions& options) {
   const char* path = variable("PATH");
   setVariable("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
   if (!hasValue("KESTRANE_COLLECTION_CONF")) {
-    setVariable("KESTRANE_COLLECTION_CONF", collectionConfiguration(folder.path()));
+    setVariable("KESTRANE_COLLECTION_CONF",
+                folder.addFile("collection.conf", kCollectionConfiguration));
   }
-  setVariable("KESTRANE_DEVICE_CONF", deviceConfiguration(options.configuration, folder.path()));
+  setVariable("KESTRANE_DEVICE_CONF", deviceConfiguration(options.configuration, folder));
   setVariable("KESTRANE_ROOT", root);
   setVariable("PATH", path == nullptr ? programs : programs + ":" + path);
 
@@ -175,14 +161,13 @@ int simulate(const simulator::SimulatorOptions& options) {
 
 int main(int argc, char** argv) {
   reserveStandardDescriptors();
+  if (const auto status = answerInformation(argc, argv, "kst-simulator", kUsage)) {
+    return *status;
+  }
   const auto options = simulator::readSimulatorOptions(argc, argv);
   if (!options) {
     std::cerr << kUsage << std::flush;
     return 2;
-  }
-  if (options->help) {
-    std::cout << kUsage << std::flush;
-    return 0;
   }
   simulator::holdSignals();
   try {

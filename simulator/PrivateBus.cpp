@@ -3,7 +3,6 @@
 #include <poll.h>
 
 #include <chrono>
-#include <fstream>
 #include <stdexcept>
 #include <string_view>
 
@@ -16,7 +15,7 @@ namespace {
 using Clock = ChildProcess::Clock;
 
 constexpr std::chrono::seconds kStartLimit{10};
-constexpr int kLookInterval = 10;  // milliseconds
+constexpr std::chrono::milliseconds kLookInterval{10};
 
 /// The address of a socket, with the bytes escaped that an address cannot hold as they are.
 std::string addressOf(const std::string& socket) {
@@ -35,14 +34,12 @@ std::string addressOf(const std::string& socket) {
   return address;
 }
 
-std::string writeConfiguration(const std::string& folder, const std::string& address) {
-  std::string path = folder + "/bus.conf";
-  std::ofstream(path)
-      << R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+std::string configurationFor(const std::string& address) {
+  return R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
-  <listen>)"
-      << address << R"(</listen>
+  <listen>)" +
+         address + R"(</listen>
   <auth>EXTERNAL</auth>
   <policy context="default">
     <allow send_destination="*" eavesdrop="true"/>
@@ -51,24 +48,25 @@ std::string writeConfiguration(const std::string& folder, const std::string& add
   </policy>
 </busconfig>
 )";
-  return path;
 }
 
 /// Starts the bus, which writes its address into a pipe once it listens.
 ChildProcess startDaemon(const TemporaryFolder& folder, const std::string& address) {
   Pipe ready;
   // The daemon warns of limits that it cannot raise, which says nothing to the simulator's user.
-  ChildProcess daemon({.command = {"dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
-                                   "--config-file=" + writeConfiguration(folder.path(), address),
-                                   "--print-address=" + std::to_string(ready.writer.get())},
-                       .background = true,
-                       .errorFile = folder.path() + "/bus.log",
-                       .descriptors = {folder.lifeline(), ready.writer.get()}});
+  ChildProcess daemon(
+      {.command = {"dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
+                   "--config-file=" + folder.addFile("bus.conf", configurationFor(address)),
+                   "--print-address=" + std::to_string(ready.writer.get())},
+       .background = true,
+       .errorFile = folder.path() + "/bus.log",
+       .descriptors = {folder.lifeline(), ready.writer.get()}});
   // So that the end of the daemon is the end of the pipe.
   ready.writer.close();
   pollfd output{.fd = ready.reader.get(), .events = POLLIN, .revents = 0};
   const Clock::time_point deadline = Clock::now() + kStartLimit;
-  while (poll(&output, 1, kLookInterval) <= 0 && Clock::now() < deadline) {
+  while (poll(&output, 1, static_cast<int>(kLookInterval.count())) <= 0 &&
+         Clock::now() < deadline) {
     awaitInterruption(std::chrono::milliseconds(0));
   }
   if ((output.revents & POLLIN) == 0) {

@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "collection/DevicePaths.h"
 #include "collection/Folder.h"
 #include "support/FileOperations.h"
+#include "support/RecordLock.h"
 
 namespace simulator {
 namespace {
@@ -22,10 +24,8 @@ class ExclusiveLock {
 
  private:
   void set(short type) const {
-    struct flock lock{};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    fcntl(descriptor, F_SETLKW, &lock);
+    while (!kst::support::setRecordLock(descriptor, F_SETLKW, type) && errno == EINTR) {
+    }
   }
 
   int descriptor;
@@ -47,7 +47,7 @@ collection::Failure RotatingLog::open() {
   }
   const std::string path = collection::lockFileOf(folder);
   lockFile =
-      kst::support::Descriptor(kst::support::openPath(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+      kst::support::Descriptor(kst::support::openPath(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   if (!lockFile) {
     return collection::callFailed("open", path);
   }

@@ -16,30 +16,28 @@ sigset_t setOf(std::initializer_list<int> signals) {
   return set;
 }
 
-sigset_t heldSignals() { return setOf({SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM}); }
+constexpr std::initializer_list<int> kHeldSignals = {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 
 timespec toTimespec(std::chrono::milliseconds time) {
   timespec spec{};
-  spec.tv_sec = time.count() / 1000;
-  spec.tv_nsec = time.count() % 1000 * 1'000'000;
+  spec.tv_sec = static_cast<time_t>(time.count() / 1000);
+  spec.tv_nsec = static_cast<long>(time.count() % 1000 * 1'000'000);
   return spec;
 }
 
 }  // namespace
 
 void holdSignals() {
-  const sigset_t held = heldSignals();
   // A signal that is ignored would be lost, also while it is blocked.
-  for (int signal = 1; signal < SIGSYS; ++signal) {
-    if (sigismember(&held, signal) == 1) {
-      std::signal(signal, SIG_DFL);
-    }
+  for (const int signal : kHeldSignals) {
+    std::signal(signal, SIG_DFL);
   }
+  const sigset_t held = setOf(kHeldSignals);
   pthread_sigmask(SIG_BLOCK, &held, nullptr);
 }
 
 std::optional<int> nextSignal(std::optional<std::chrono::milliseconds> limit) {
-  const sigset_t held = heldSignals();
+  const sigset_t held = setOf(kHeldSignals);
   int signal = 0;
   if (limit) {
     const timespec time = toTimespec(*limit);

@@ -1,6 +1,7 @@
 #include "simulator/SimulatedDevice.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -26,6 +27,19 @@ constexpr std::chrono::seconds kStartLimit{10};
 constexpr std::chrono::seconds kStopLimit{3};
 constexpr std::chrono::milliseconds kLookInterval{10};
 constexpr const char* kClientName = "kst-simulator";
+
+/// Beside the simulator, as in a build tree, or in the folders for what nobody calls by name, as
+/// installed.
+std::string findProgram(const std::string& simulatorFolder, const std::string& program) {
+  std::filesystem::path path;
+  for (const char* folder : {".", KST_SERVICES_FOLDER, KST_DAEMONS_FOLDER}) {
+    path = std::filesystem::path(simulatorFolder) / folder / program;
+    if (access(path.c_str(), F_OK) == 0) {
+      break;
+    }
+  }
+  return path;
+}
 
 /// True once the manager has reported that it is started.
 std::function<bool()> managerStarted() {
@@ -68,9 +82,9 @@ std::function<bool()> logGrows(const std::string& log) {
 }  // namespace
 
 SimulatedDevice::SimulatedDevice(const TemporaryFolder& temporaryFolder, PrivateBus& bus,
-                                 const std::string& programFolder, const std::string& deviceRoot,
+                                 const std::string& ownFolder, const std::string& deviceRoot,
                                  const std::set<std::string>& absent)
-    : folder(temporaryFolder), privateBus(bus), programs(programFolder), root(deviceRoot) {
+    : folder(temporaryFolder), privateBus(bus), simulatorFolder(ownFolder), root(deviceRoot) {
   const collection::DevicePaths paths(root);
   const auto present = [&](const char* part) { return !absent.contains(part); };
   if (present(kCorvendPart)) {
@@ -111,7 +125,7 @@ Clock::time_point SimulatedDevice::beginStop() {
 void SimulatedDevice::start(const std::string& program, std::function<bool()> isReady) {
   const std::filesystem::path logs = std::filesystem::path(root) / "var/log";
   std::filesystem::create_directories(logs);
-  ChildProcess process({.command = {programs + "/" + program, "--root", root},
+  ChildProcess process({.command = {findProgram(simulatorFolder, program), "--root", root},
                         .background = true,
                         .errorFile = logs / (program + ".log"),
                         .descriptors = {folder.lifeline()}});

@@ -16,11 +16,12 @@ namespace simulator {
 /// a real device: over the system bus of the environment, and in the process table.
 class SimulatedDevice {
  public:
-  /// Starts all parts but the absent ones, from `programFolder`; what a part writes to standard
-  /// error goes to var/log/NAME.log below `deviceRoot`. Throws std::system_error for a program or a
+  /// Starts all parts but the absent ones, whose programs stand in `ownFolder`, that of the
+  /// simulator, or where they are installed along with it; what a part writes to standard error
+  /// goes to var/log/NAME.log below `deviceRoot`. Throws std::system_error for a program or a
   /// log that cannot be had.
   SimulatedDevice(const TemporaryFolder& temporaryFolder, PrivateBus& bus,
-                  const std::string& programFolder, const std::string& deviceRoot,
+                  const std::string& ownFolder, const std::string& deviceRoot,
                   const std::set<std::string>& absent);
   SimulatedDevice(const SimulatedDevice&) = delete;
   SimulatedDevice& operator=(const SimulatedDevice&) = delete;
@@ -49,7 +50,7 @@ class SimulatedDevice {
 
   const TemporaryFolder& folder;
   PrivateBus& privateBus;
-  const std::string programs;
+  const std::string simulatorFolder;
   const std::string root;
   std::vector<Part> parts;
   std::optional<ChildProcess::Clock::time_point> stopDeadline;  // set when the stop has begun

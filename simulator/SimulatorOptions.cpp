@@ -43,10 +43,6 @@ std::optional<SimulatorOptions> readSimulatorOptions(int argc, const char* const
       options.command.assign(argv + index + 1, argv + argc);
       return options;
     }
-    if (argv[index] == std::string_view("--help")) {
-      options.help = true;
-      return options;
-    }
     if (index + 1 == argc || !readOption(argv[index], argv[index + 1], options)) {
       return {};
     }

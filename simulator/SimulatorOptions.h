@@ -8,7 +8,6 @@
 namespace simulator {
 
 struct SimulatorOptions {
-  bool help = false;                 ///< what else is asked for does not count
   std::string configuration;         ///< device.conf, used in place; empty: the simulator's own
   std::string root;                  ///< device root, kept; empty: a temporary one
   std::set<std::string> absent;      ///< of the parts below

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
 #include <initializer_list>
 #include <system_error>
 
@@ -56,13 +57,21 @@ TemporaryFolder::TemporaryFolder() : folder(makeFolder()) {
     throw std::system_error(errno, std::generic_category(), "fork");
   }
   if (remover == 0) {
-    unused.writer.close();
-    removeWhenUnused(folder, unused.reader.get());
+    lifelinePipe.writer.close();
+    removeWhenUnused(folder, lifelinePipe.reader.get());
   }
 }
 
+std::string TemporaryFolder::addFile(const std::string& name, std::string_view text) const {
+  std::string path = folder + "/" + name;
+  if (!(std::ofstream(path) << text << std::flush)) {
+    throw std::system_error(errno, std::generic_category(), path);
+  }
+  return path;
+}
+
 TemporaryFolder::~TemporaryFolder() {
-  unused.writer.close();
+  lifelinePipe.writer.close();
   while (waitpid(remover, nullptr, 0) < 0 && errno == EINTR) {
   }
 }

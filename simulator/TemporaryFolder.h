@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <string_view>
 
 #include "simulator/Pipe.h"
 
@@ -24,12 +25,16 @@ class TemporaryFolder {
   /// At most 80 bytes long, so that a socket in the folder has a valid address.
   [[nodiscard]] const std::string& path() const { return folder; }
 
+  /// Writes a new file `name` of this text in the folder, and returns its path. Throws
+  /// std::system_error.
+  [[nodiscard]] std::string addFile(const std::string& name, std::string_view text) const;
+
   /// A descriptor that the processes that work in the folder keep open.
-  [[nodiscard]] int lifeline() const { return unused.writer.get(); }
+  [[nodiscard]] int lifeline() const { return lifelinePipe.writer.get(); }
 
  private:
   std::string folder;
-  Pipe unused;  // its writing end closes when nobody works in the folder any more
+  Pipe lifelinePipe;  // its writing end closes when nobody works in the folder any more
   pid_t remover = -1;
 };
 

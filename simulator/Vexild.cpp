@@ -7,9 +7,9 @@
 #include <iostream>
 
 #include "collection/DevicePaths.h"
+#include "platform/options/ProgramOptions.h"
 #include "simulator/ControlPipe.h"
 #include "simulator/CoreDumpFolder.h"
-#include "simulator/DaemonOptions.h"
 #include "simulator/LogLines.h"
 #include "simulator/RotatingLog.h"
 
@@ -36,11 +36,13 @@ void report(const collection::Failure& failure) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto root = simulator::readDaemonRoot(argc, argv);
-  if (!root) {
-    return 2;
+  const DaemonOptions options = readDaemonOptions(
+      argc, argv, "vexild",
+      "The simulated baseband daemon: writes its trace and, on request, core dumps.");
+  if (!options.root) {
+    return options.exitStatus;
   }
-  const collection::DevicePaths paths(*root);
+  const collection::DevicePaths paths(*options.root);
   const simulator::CoreDumpFolder dumps(paths.coreDumps);
   simulator::ControlPipe control;
   simulator::RotatingLog log(paths.basebandLogs, "diag.log", {.fileSize = 65'536, .olderFiles = 7});
