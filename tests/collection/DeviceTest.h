@@ -1,9 +1,6 @@
 #pragma once
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <unzip.h>
 
 #include <algorithm>
@@ -20,29 +17,10 @@
 #include "collection/Limits.h"
 #include "platform/message/CommandResult.h"
 #include "simulator/ControlPipe.h"
-#include "support/Descriptor.h"
 #include "support/FileOperations.h"
 #include "support/TreeRemoval.h"
 #include "tests/fakes/SystemCalls.h"
 #include "tests/support/FileSystemTest.h"
-#include "trace/Trace.h"
-
-/// Sets a limit of the process while it lives.
-class ResourceLimit {
- public:
-  ResourceLimit(__rlimit_resource limited, rlim_t most) : resource(limited) {
-    getrlimit(resource, &old);
-    const rlimit limit{most, old.rlim_max};
-    setrlimit(resource, &limit);
-  }
-  ResourceLimit(const ResourceLimit&) = delete;
-  ResourceLimit& operator=(const ResourceLimit&) = delete;
-  ~ResourceLimit() { setrlimit(resource, &old); }
-
- private:
-  const __rlimit_resource resource;
-  rlimit old{};
-};
 
 /// A device without any service or daemon. Local time is UTC; nothing is flushed to the disk, on
 /// which any room is enough.
@@ -76,29 +54,15 @@ class DeviceTest : public FileSystemTest {
 
   /// Writes a file below the folder of all logs.
   std::string makeLog(const std::string& name, const std::string& content = "log") {
-    return makeFile(kst::trace::kScratchFolder + name, content);
+    return makeFile(paths.scratch + "/" + name, content);
   }
 
   /// Makes what the words of `make` tell of below the folder of all logs.
   void makeLogs(const std::string& tree) {
     std::istringstream words(tree);
     for (std::string word; words >> word;) {
-      make(kst::trace::kScratchFolder + word);
+      make(paths.scratch + "/" + word);
     }
-  }
-
-  std::string makeIn(const std::string& folder, const std::string& name,
-                     const std::string& content = "") {
-    return makeFile(folder.substr(directory.path.size() + 1) + "/" + name, content);
-  }
-
-  /// The sorted names in a folder; none if there is no folder.
-  static std::vector<std::string> namesIn(const std::string& folder) {
-    std::vector<std::string> names;
-    kst::support::listDirectory(folder, names);
-    std::erase_if(names, kst::support::isDotName);
-    std::sort(names.begin(), names.end());
-    return names;
   }
 
   static Snapshot snapshotAt(const std::string& path) {
@@ -110,7 +74,7 @@ class DeviceTest : public FileSystemTest {
       const struct stat status = statusOf(entry.path());
       const std::string name = entry.path().string().substr(path.size() + 1);
       if (!S_ISDIR(status.st_mode)) {
-        files[name] = {contentOf(entry.path()), status.st_mtim.tv_sec, status.st_mode};
+        files[name] = {readFile(entry.path()), status.st_mtim.tv_sec, status.st_mode};
       }
     }
     return files;
@@ -159,13 +123,6 @@ class DeviceTest : public FileSystemTest {
   static mode_t modeOf(const std::string& path) { return statusOf(path).st_mode & 07777; }
 
   static bool isThere(const std::string& path) { return kst::support::pathExists(path); }
-
-  /// Takes a daemon's lock through its open lock file, or gives it back.
-  static bool setLock(const kst::support::Descriptor& file, short type) {
-    struct flock lock{};
-    lock.l_type = type;
-    return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
-  }
 
   [[nodiscard]] kst::support::Descriptor openLock(const std::string& folder) {
     return kst::support::Descriptor(

@@ -20,8 +20,7 @@ TEST(PrintableTextTest, PutsAQuestionMarkForWhatIsNotSafeToPrint) {
       {"\u061c\u200e\u200f\u202a\u202e\u2066\u2069|\u061b\u200d\u2065",
        "???????|\u061b\u200d\u2065"},
       {"\xff\xfe\x80 \xc3", "??? ?"},
-      {"\xc0\xaf \xed\xa0\x80 \xe2\x82", "?? ??? ??"},
-  };
+      {"\xc0\xaf \xed\xa0\x80 \xe2\x82", "?? ??? ??"}};
   for (const auto& [text, expected] : cases) {
     EXPECT_EQ(printable(text), expected);
   }

@@ -1,14 +1,7 @@
-#include <gmock/gmock.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "collection/CollectionRequest.h"
 #include "collection/DumpIndication.h"
 #include "platform/client/Constants.h"
+#include "platform/message/MessageDict.h"
 #include "tests/collection/DeviceTest.h"
 
 namespace collection {
@@ -47,8 +40,6 @@ TEST(CollectionRequestTest, RefusesAnythingElse) {
   EXPECT_EQ(textOf({}), "");
   const Entries cases = {{kst::kKeyTraceAction, {}},
                          {kst::kKeyTraceAction, "collecttelephonylogs"},
-                         {kst::kKeyTraceAction, std::int64_t{1}},
-                         {kst::kKeyTraceDumpStatePerformCompression, {}},
                          {kst::kKeyTraceDumpStatePerformCompression, "true"},
                          {kst::kKeyTraceDumpStateReason, true},
                          {kst::kKeyBasebandResetReason, MessageDict()},

@@ -147,6 +147,4 @@ bool BuildInfo::isVendorBuild() { return logged("isVendorBuild", script().vendor
 bool BuildInfo::isTraceAllowed() { return logged("isTraceAllowed", script().traceAllowed); }
 const char* getprogname() { return logged("getprogname", "ksttool"); }
 
-bool isProcessRunning(const std::string& name) {
-  return logged("isProcessRunning " + name, script().processes.contains(name));
-}
+bool isProcessRunning(const std::string& /*name*/) { return false; }

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -33,7 +32,6 @@ struct Script {
   bool internalBuild = false;
   bool vendorBuild = false;
   bool traceAllowed = false;
-  std::set<std::string> processes;
   std::deque<Answer> managerAnswers;  // one for each command; a command too many throws
   bool keepsHandlers = true;          // whether the manager client keeps event handlers
   Answer helperAnswer;

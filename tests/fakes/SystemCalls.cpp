@@ -142,7 +142,8 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
     return real_clock_gettime(clock, time);
   }
   const std::chrono::nanoseconds passed = active->passed;
-  *time = {passed / std::chrono::seconds(1), (passed % std::chrono::seconds(1)).count()};
+  time->tv_sec = static_cast<time_t>(passed / std::chrono::seconds(1));
+  time->tv_nsec = static_cast<long>((passed % std::chrono::seconds(1)).count());
   return 0;
 }
 

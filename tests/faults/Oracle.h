@@ -7,7 +7,6 @@
 #include <set>
 #include <string>
 
-#include "tests/faults/ScriptedManager.h"
 #include "trace/Trace.h"
 
 /// What becomes of a command of "logdump", and sets of that.
@@ -31,7 +30,6 @@ inline const std::string kRealStamps = "20[-0-9]+";
 
 /// Knows what a command prints that is answered by a manager with such timestamps, or by nobody.
 struct Oracle {
-  Manner manner;
   std::string stamps;  ///< a pattern
   std::map<std::string, int> counts;
 
@@ -41,7 +39,11 @@ struct Oracle {
     const std::string heading = isBb ? "Baseband log collection: " : "Telephony log collection: ";
     const std::string failed = heading + "Failed\n";
     const std::string alone = heading + "Success \\(KST not running\\)\n";
-    const std::string answer = answerTo(command, heading);
+    const std::string answer = heading + (isBb ? "Success \\(KST running\\)\n" : "Success\n") +
+                               pathOf(stamps) +
+                               (!isBb                     ? "-\\*\n"
+                                : command.ends_with("bb") ? "-baseband.zip\n"
+                                                          : "-bb-trace\n");
     const std::pair<std::string, std::string> outcomes[] = {
         {"tel answered", answer},
         {"tel failed", failed},
@@ -66,20 +68,6 @@ struct Oracle {
   }
 
  private:
-  /// The pattern of the manager's answer.
-  [[nodiscard]] std::string answerTo(const std::string& command, const std::string& heading) const {
-    const std::string path = pathOf(manner.dump.meaning == Meaning::kText ? stamps : "");
-    const bool isTel = heading.starts_with("Tel");
-    return !isTel && manner.property.meaning == Meaning::kNoText ? "Baseband logs are not enabled\n"
-           : manner.dump.meaning == Meaning::kFailure ||
-                   (!isTel && manner.property.meaning == Meaning::kFailure)
-               ? heading + "Failed\n"
-           : isTel ? heading + "Success\n" + path + "-\\*\n"
-           : command.ends_with("bb")
-               ? heading + "Success \\(KST running\\)\n" + path + "-baseband.zip\n"
-               : heading + "Success \\(KST running\\)\n" + path + "-bb-trace\n";
-  }
-
   static std::string pathOf(const std::string& stamps) {
     return std::string("Path = ") + kst::trace::kSnapshotFolder + "log-bb-(" + stamps + ")";
   }

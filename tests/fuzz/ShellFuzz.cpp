@@ -4,7 +4,7 @@
 #include "tests/shell/ShellCases.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  const std::optional<std::string> disagreement = disagreementOn(shellCaseFrom({bytes, size}));
+  const std::optional<std::string> disagreement = disagreementOn({bytes, size});
   check(!disagreement, disagreement.value_or(""));
   return 0;
 }

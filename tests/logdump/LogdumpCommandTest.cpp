@@ -13,6 +13,7 @@ using Words = std::list<std::string>;
 
 constexpr std::int32_t kDown = kst::kResultManagerNotRunning;
 const std::string kPath = "Path = /var/wireless/Library/Logs/FaultDepot/Baseband/log-bb-";
+const std::string kNamed = "Success\n" + kPath;
 const std::string kTelHeading = "Telephony log collection: ";
 const std::string kTelRequest =
     "PerformCommand TraceDumpState TraceAction=\"CollectTelephonyLogs\" TraceDumpStateReason=";
@@ -27,6 +28,8 @@ const std::string kBbQuery =
 const std::string kBbRequest = "PerformCommand and wait TraceDumpState TraceDumpStateReason=";
 const std::string kBbAction = " TraceAction=\"CollectBasebandLogs\"";
 const std::string kCompression = " TraceDumpStatePerformCompression=";
+
+std::string reason(const std::string& text) { return "\"[ksttool] " + text + "\""; }
 
 MessageDict timestamp(MessageValue value) {
   return fakes::dictOf(kst::kKeyTimestampString, std::move(value));
@@ -62,23 +65,14 @@ TEST_F(LogdumpCommandTest, WordsMakeTheRequestAndTheReplyIsPrinted) {
     Answer answer;
     std::string outcome;  // of telephony logs
   } cases[] = {
-      {{}, "\"[ksttool] User triggered\"", "true", {1, timestamp("T")}, "Failed\n"},
-      {{"nocompress"}, "\"[ksttool] User triggered\"", "false", {kDown, {}}, "Failed\n"},
-      {{"nocompress", "nocompress", "x"}, "\"[ksttool] x\"", "false", {0, {}}, "Success\n"},
-      {{"x", "nocompress"}, "\"[ksttool] x\"", "true", {0, "T"}, "Success\n"},
-      {{"nocompress-x"},
-       "\"[ksttool] nocompress-x\"",
-       "true",
-       {0, timestamp("T")},
-       "Success\n" + kPath + "T-*\n"},
-      {{"NOCOMPRESS", "x"},
-       "\"[ksttool] NOCOMPRESS\"",
-       "true",
-       {0, MessageDict()},
-       "Success\n" + kPath + "-*\n"},
-      {{"", "x"}, "\"[ksttool] \"", "true", {0, timestamp(true)}, "Success\n" + kPath + "-*\n"},
-      {{"\xff"}, "null", "true", {-1, {}}, "Failed\n"},
-  };
+      {{}, reason("User triggered"), "true", {1, timestamp("T")}, "Failed\n"},
+      {{"nocompress"}, reason("User triggered"), "false", {kDown, {}}, "Failed\n"},
+      {{"nocompress", "nocompress", "x"}, reason("x"), "false", {0, {}}, "Success\n"},
+      {{"x", "nocompress"}, reason("x"), "true", {0, "T"}, "Success\n"},
+      {{"nocompress-x"}, reason("nocompress-x"), "true", {0, timestamp("T")}, kNamed + "T-*\n"},
+      {{"NOCOMPRESS"}, reason("NOCOMPRESS"), "true", {0, MessageDict()}, kNamed + "-*\n"},
+      {{"", "x"}, reason(""), "true", {0, timestamp(true)}, kNamed + "-*\n"},
+      {{"\xff"}, "null", "true", {-1, {}}, "Failed\n"}};
   for (const auto& test : cases) {
     const std::string end = kCompression + test.compress + "\n";
     EXPECT_EQ(run("tel", test.words, {test.answer}),

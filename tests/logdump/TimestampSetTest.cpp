@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <limits>
@@ -11,17 +10,12 @@
 namespace {
 
 TEST(TimestampSetTest, KeepsTheLastTimeOfEachSlot) {
-  const auto before = std::chrono::system_clock::now().time_since_epoch();
   TimestampSet timestamps;
   timeval time;
-  ASSERT_TRUE(timestamps.get(time, 0));
-  const auto after = std::chrono::system_clock::now().time_since_epoch();
-  const std::chrono::microseconds stored(time.tv_sec * 1'000'000 + time.tv_usec);
-  EXPECT_TRUE(std::chrono::floor<std::chrono::microseconds>(before) <= stored && stored <= after);
-
+  EXPECT_TRUE(timestamps.get(time, 0) && std::abs(time.tv_sec - std::time(nullptr)) < 5);
   timestamps.set({1, 2}, -7);
   timestamps.set({3, 4}, -7);
-  EXPECT_TRUE(timestamps.get(time, -7) && time.tv_sec == 3);
+  EXPECT_TRUE(timestamps.get(time, -7) && time.tv_sec == 3 && time.tv_usec == 4);
   EXPECT_FALSE(timestamps.get(time, 1) || timerisset(&time));
 }
 
@@ -39,8 +33,8 @@ TEST(TimestampSetTest, RendersASlotByItsFlags) {
        "2026.11.16_13-35-08+0100-123"},
       {kEarly, kTimestampMilliseconds, "1794832508.007"},
       {kEarly, kTimestampMilliseconds | kTimestampMicroseconds, "1794832508.007999"},
-      {kBeyondTheCalendar, kTimestampDate | kTimestampMilliseconds, "-005"},
-  };
+      {kBeyondTheCalendar, kTimestampDate | kTimestampMilliseconds,
+       sizeof(time_t) > 4 ? "-005" : "2038-01-19-04-14-07-005"}};
   TimestampSet timestamps;
   for (const auto& [time, flags, text] : cases) {
     timestamps.set(time, 3);

@@ -1,20 +1,12 @@
 #include "services/CollectingService.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <optional>
 #include <string_view>
 #include <thread>
 
 #include "platform/client/Constants.h"
 #include "platform/dbus/BlockingCall.h"
-#include "platform/dbus/SdBus.h"
 #include "tests/platform/bus/PrivateBus.h"
+#include "tests/support/Files.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace services {
@@ -69,9 +61,7 @@ TEST(CollectingServiceTest, ACollectionThatHangsIsLeftBehindAndNoOtherBegun) {
   PrivateBus bus;
   bus.start();
   const TemporaryDirectory root;
-  const std::string logs = collection::DevicePaths(root.path).basebandLogs;
-  std::filesystem::create_directories(logs);
-  std::ofstream(logs + "/diag.log") << "log";
+  writeFile(collection::DevicePaths(root.path).basebandLogs + "/diag.log", "log");
   EXPECT_EXIT(serve(root.path), testing::ExitedWithCode(1),
               "^it: a collection could not be broken off\n$");
 }

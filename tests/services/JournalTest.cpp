@@ -5,12 +5,14 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "collection/CollectionRequest.h"
+#include "collection/Collector.h"
 
 namespace {
 bool hasJournal = false;
@@ -45,24 +47,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// What `write` writes to standard error, a pipe that is full when `isFull`.
-template <typename Write>
-std::string errorsOf(Write write, bool isFull = false) {
-  std::array<int, 2> ends{};
-  EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-  std::string text(static_cast<std::size_t>(fcntl(ends[1], F_GETPIPE_SZ)), '.');
-  const ssize_t filled = isFull ? ::write(ends[1], text.data(), text.size()) : 0;
-  const int standardError = dup(STDERR_FILENO);
-  dup2(ends[1], STDERR_FILENO);
-  write();
-  dup2(standardError, STDERR_FILENO);
-  close(standardError);
-  close(ends[1]);
-  const ssize_t count = read(ends[0], text.data(), text.size());
-  close(ends[0]);
-  return text.substr(0, static_cast<std::size_t>(count)).substr(static_cast<std::size_t>(filled));
-}
-
 TEST(JournalTest, ACollectionIsOneEntryOrOneLine) {
   const Requester known{.client = "tool\nx", .user = 0, .process = 77};
   collection::CollectionRequest request;
@@ -77,8 +61,7 @@ TEST(JournalTest, ACollectionIsOneEntryOrOneLine) {
       "collected /snapshot for tool?x (" + reason + ") in 12.034 s, 5 bytes";
   hasJournal = true;
   journalResult = 0;
-  EXPECT_EQ(
-      errorsOf([&] { recordCollection("it", known, request, outcome, milliseconds(12'034)); }), "");
+  recordCollection("it", known, request, outcome, milliseconds(12'034));
   EXPECT_THAT(fields, testing::UnorderedElementsAre(
                           "MESSAGE_ID=5f3a1c0e9b7d4e62a8c4d1f06b2e7a93", "MESSAGE=" + message,
                           "PRIORITY=6", "SYSLOG_IDENTIFIER=it", "KESTRANE_CLIENT=tool?x",
@@ -94,15 +77,25 @@ TEST(JournalTest, ACollectionIsOneEntryOrOneLine) {
   journalResult = -ENOENT;
   for (const bool isThere : {true, false}) {
     hasJournal = isThere;
-    EXPECT_EQ(errorsOf([&] { recordCollection("it", {}, request, outcome, milliseconds(7)); }),
+    testing::internal::CaptureStderr();
+    recordCollection("it", {}, request, outcome, milliseconds(7));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "it: uid ?, pid ?: no collection for  (" + reason + ") in 0.007 s: no room\n");
   }
 }
 
 TEST(JournalTest, ALineIsCutAndNeverWaits) {
-  const std::string longLine(9000, 'x');
-  EXPECT_EQ(errorsOf([&] { writeErrorLine(longLine); }), longLine.substr(0, PIPE_BUF - 1) + "\n");
-  EXPECT_EQ(errorsOf([&] { writeErrorLine("lost"); }, true), "");
+  testing::internal::CaptureStderr();
+  writeErrorLine(std::string(9000, 'x'));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(PIPE_BUF - 1, 'x') + "\n");
+  int ends[2] = {};
+  ASSERT_EQ(pipe(ends), 0);
+  std::string full(static_cast<std::size_t>(fcntl(ends[1], F_GETPIPE_SZ)), '.');
+  EXPECT_EQ(write(ends[1], full.data(), full.size()), static_cast<ssize_t>(full.size()));
+  const int standardError = dup(STDERR_FILENO);
+  dup2(ends[1], STDERR_FILENO);
+  writeErrorLine("lost");
+  dup2(standardError, STDERR_FILENO);
 }
 
 }  // namespace

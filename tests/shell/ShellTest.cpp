@@ -1,17 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <iostream>
-#include <memory>
-#include <optional>
 #include <random>
 #include <stdexcept>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "platform/tasks/TaskQueue.h"
-#include "tests/fakes/Streams.h"
 #include "tests/shell/ShellCases.h"
 
 namespace {
@@ -23,7 +16,7 @@ TEST(ShellTest, DoesOnRandomTreesWhatTheModelDoes) {
     for (std::uint8_t& byte : data) {
       byte = static_cast<std::uint8_t>(random());
     }
-    const std::optional<std::string> disagreement = disagreementOn(shellCaseFrom(data));
+    const std::optional<std::string> disagreement = disagreementOn(data);
     ASSERT_FALSE(disagreement) << "seed " << seed << ", " << *disagreement;
   }
 }

@@ -1,11 +1,7 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "simulator/ControlPipe.h"
 #include "simulator/CoreDumpFolder.h"
@@ -27,18 +23,13 @@ TEST_F(DaemonsTest, ALogKeepsTheLatestLinesAndIsNotWrittenWhileSomebodyReadsIt) 
     log.append("line " + std::to_string(line));
   }
   const kst::support::Descriptor file(open((directory / "logs.lock").c_str(), O_RDWR | O_CLOEXEC));
-  const auto set = [&file](short type) {
-    struct flock lock{};
-    lock.l_type = type;
-    return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
-  };
-  EXPECT_TRUE(set(F_RDLCK));
+  EXPECT_TRUE(setLock(file, F_RDLCK));
   std::thread writing([&log] { log.append("line 29"); });
   std::this_thread::sleep_for(milliseconds(50));
-  EXPECT_EQ(contentOf(current), "line 27\nline 28\n");
-  EXPECT_TRUE(set(F_UNLCK));
+  EXPECT_EQ(readFile(current), "line 27\nline 28\n");
+  EXPECT_TRUE(setLock(file, F_UNLCK));
   writing.join();
-  EXPECT_TRUE(set(F_WRLCK));
+  EXPECT_TRUE(setLock(file, F_WRLCK));
   EXPECT_EQ(tree("logs"),
             "diag.log.1=line 23\nline 24\nline 25\nline 26\n "
             "diag.log.2=line 19\nline 20\nline 21\nline 22\n "
@@ -49,15 +40,15 @@ TEST_F(DaemonsTest, CoreDumpsAreCompleteAndTheLatestAreKept) {
   make("dumps/.unfinished dumps/core-1.bin dumps/core-2.bin");
   const CoreDumpFolder dumps(directory / "dumps");
   ASSERT_FALSE(dumps.open());
-  EXPECT_THAT(entries("dumps"), testing::SizeIs(2));
+  EXPECT_THAT(namesIn(directory / "dumps"), testing::SizeIs(2));
   makeFile("dumps/core-0.bin");
   ASSERT_FALSE(dumps.write("Hard\tcrash"));
   ASSERT_FALSE(dumps.write("Hard\tcrash"));
-  std::vector<std::string> names = entries("dumps");
+  std::vector<std::string> names = namesIn(directory / "dumps");
   std::sort(names.begin(), names.end());
   ASSERT_THAT(names, testing::ElementsAre("core-2.bin", testing::StartsWith("core-2"),
                                           testing::StartsWith("core-2")));
-  const std::string dump = contentOf(directory / ("dumps/" + names[1]));
+  const std::string dump = readFile(directory / ("dumps/" + names[1]));
   EXPECT_THAT(dump.substr(0, 60),
               testing::MatchesRegex("VEXILD CORE DUMP [-0-9]+\nHard\tcrash\n(.|\n)*"));
   EXPECT_GT(dump.size(), 1U << 20);

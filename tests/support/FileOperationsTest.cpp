@@ -1,15 +1,9 @@
 #include "support/FileOperations.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <climits>
 #include <thread>
 #include <tuple>
 
-#include "support/Descriptor.h"
 #include "tests/fakes/SystemCalls.h"
 #include "tests/support/FileSystemTest.h"
 
@@ -32,7 +26,7 @@ TEST_F(FileOperationsTest, WritesInAsManyPiecesAsItTakesAndStopsAtAnyFailure) {
     calls.longestTransfer = 3;
     calls.fail("write", error, failing);
     EXPECT_EQ(errorOf(writeFully(file.get(), "abcdefg", 7)), error);
-    EXPECT_EQ(contentOf(path), written);
+    EXPECT_EQ(readFile(path), written);
   }
 }
 
@@ -54,60 +48,47 @@ TEST_F(FileOperationsTest, WritesAndSizesStreams) {
   EXPECT_TRUE(writeStreamFully(file, "abc", 3));
   std::ifstream stream(directory / "file");
   size_t size = 0;
-  EXPECT_TRUE(stream.get() == 'a' && streamSize(stream, size) && size == 3);
   std::string rest;
-  EXPECT_TRUE(stream >> rest && rest == "bc" && !(stream >> rest));
-  EXPECT_TRUE(streamSize(stream, size)) << "behind a read that has failed";
+  EXPECT_TRUE(stream.get() == 'a' && streamSize(stream, size) && size == 3);
+  EXPECT_TRUE(stream >> rest && rest == "bc" && !(stream >> rest) && streamSize(stream, size));
   stream.close();
   EXPECT_EQ(errorOf(streamSize(stream, size)), EBADF);
-  file = freopen("/dev/full", "w", file);
-  EXPECT_TRUE(writeStreamFully(file, "abc", 3)) << "only the flush fails";
-  setvbuf(file, nullptr, _IONBF, 0);
+  setvbuf(file = freopen("/dev/full", "w", file), nullptr, _IONBF, 0);
   EXPECT_FALSE(writeStreamFully(file, "abc", 3));
   fclose(file);
 }
 
 TEST_F(FileOperationsTest, CopiesBytesAndOnRequestTheMode) {
-  make("pipe|");
-  umask(040);
   const std::string content = std::string(1500, '\0') + std::string(1500, 'x');
   const std::string source = makeFile("file", content);
   EXPECT_TRUE(changeMode(source, 04751));
   EXPECT_TRUE(changeMode(makeFile("old", std::string(9000, 'y')), 0602));
-  const std::tuple<std::string, bool, std::string, int, int, size_t, mode_t> cases[] = {
-      {"new", false, "", 0, 0, 3000, 0604},
-      {"old", false, "", 0, 0, 3000, 0602},
-      {"old", true, "", 0, 0, 3000, 04751},
-      {"full", true, "write", 2, ENOSPC, 700, 0604},
-      {"interrupted", true, "read", 3, EINTR, 1400, 0604},
-      {"modeless", true, "fstat", 1, EIO, 3000, 0604},
-      {"foreign", true, "fchmod", 1, EPERM, 3000, 0604},
-  };
-  for (const auto& [name, copiesMode, failing, number, error, written, mode] : cases) {
+  const std::tuple<std::string, bool, std::string, int, size_t, mode_t> cases[] = {
+      {"new", false, "", 0, 3000, 0644},
+      {"old", false, "", 0, 3000, 0602},
+      {"old", true, "", 0, 3000, 04751},
+      {"full", true, "write", ENOSPC, 700, 0644},
+      {"interrupted", true, "read", EINTR, 700, 0644}};
+  for (const auto& [name, copiesMode, failing, error, written, mode] : cases) {
     const std::string copy = directory / name;
     SystemCalls calls;
     calls.longestTransfer = 700;
-    calls.fail(failing, error, number);
+    calls.fail(failing, error, 2);
     EXPECT_EQ(errorOf(copyFile(source, copy, copiesMode)), error) << name;
-    EXPECT_TRUE(contentOf(copy) == content.substr(0, written) && modeOf(copy) == mode) << name;
+    EXPECT_TRUE(readFile(copy) == content.substr(0, written) && modeOf(copy) == mode) << name;
   }
   EXPECT_EQ(errorOf(copyFile(directory / "none", source, true)), ENOENT);
-  EXPECT_EQ(contentOf(source), content);
-  EXPECT_EQ(errorOf(copyFile(source, directory / "pipe", true)), ENXIO);
-  EXPECT_EQ(errorOf(copyFile(directory.path, source, true)), EISDIR);
 }
 
 TEST_F(FileOperationsTest, ReadsAndSizesWhatHasASize) {
   make("empty huge file=abc link>file pipe|");
   std::filesystem::resize_file(directory / "huge", uintmax_t{1} << 31);
-  const std::tuple<std::string, int, int, size_t> cases[] = {
-      {"link", 0, 0, 3},
-      {"empty", ENODATA, 0, 0},
-      {"huge", EFBIG, 0, size_t{1} << 31},
-      {"none", ENOENT, ENOENT, 77},
-      {"", EISDIR, EISDIR, 77},
-      {"pipe", ESPIPE, ESPIPE, 77},
-  };
+  const std::tuple<std::string, int, int, size_t> cases[] = {{"link", 0, 0, 3},
+                                                             {"empty", ENODATA, 0, 0},
+                                                             {"huge", EFBIG, 0, size_t{1} << 31},
+                                                             {"none", ENOENT, ENOENT, 77},
+                                                             {"", EISDIR, EISDIR, 77},
+                                                             {"pipe", ESPIPE, ESPIPE, 77}};
   SystemCalls calls;
   calls.longestTransfer = 2;
   std::vector<char> content;
@@ -121,8 +102,6 @@ TEST_F(FileOperationsTest, ReadsAndSizesWhatHasASize) {
   }
   calls.fail("read", EINTR);
   EXPECT_TRUE(readWholeFile(directory / "link", content));
-  calls.fail("read", EIO, 2);
-  EXPECT_EQ(errorOf(readWholeFile(directory / "link", content)), EIO);
   calls.longestTransfer = 0;
   EXPECT_EQ(errorOf(readWholeFile(directory / "link", content)), ENODATA) << "ends early";
 }
@@ -164,29 +143,27 @@ TEST_F(FileOperationsTest, WaitsForAnExclusiveLockAndSharesAllOfTheFile) {
   const std::string path = makeFile("lock", "x");
   const Descriptor prober(openPath(path, O_RDWR, 0));
   Descriptor other(openPath(path, O_RDWR, 0));
-  const auto tryLock = [](const Descriptor& file, short type, off_t start) {
-    // One of the open file, to record locks as good as another process's.
-    struct flock lock{type, SEEK_SET, start, 1, 0};
-    return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
-  };
-  ASSERT_TRUE(tryLock(other, F_WRLCK, 0));
+  ASSERT_TRUE(setLock(other, F_WRLCK));
   std::thread holder([&] { usleep(50000), other.close(); });
   const int lock = lockFileShared(path);
   holder.join();
-  EXPECT_FALSE(tryLock(prober, F_WRLCK, 0) || tryLock(prober, F_WRLCK, 1 << 20));
-  EXPECT_TRUE(tryLock(prober, F_RDLCK, 0) && unlockFile(lock));
+  EXPECT_FALSE(setLock(prober, F_WRLCK) || setLock(prober, F_WRLCK, 1 << 20));
+  EXPECT_TRUE(setLock(prober, F_RDLCK) && unlockFile(lock));
   EXPECT_EQ(errorOf(lockFileShared(directory / "none") >= 0), ENOENT);
 }
 
 TEST_F(FileOperationsTest, TellsTheCapacityOfAFileSystem) {
   SystemCalls calls;
-  calls.fileSystem.emplace().f_frsize = 2;
-  calls.fileSystem->f_blocks = uint64_t{1} << 40;
-  calls.fileSystem->f_bfree = uint64_t{1} << 39;
-  uint64_t values[3] = {};
-  EXPECT_EQ(errorOf(fileSystemSpace("", values[0], values[1], values[2])), ENOENT);
-  EXPECT_TRUE(fileSystemSpace("/", values[0], values[1], values[2]));
-  EXPECT_TRUE(values[0] >> 40 == 1 && values[1] >> 39 == 1 && values[2] == 2);
+  struct statvfs& status = calls.fileSystem.emplace();
+  status.f_frsize = 2;
+  status.f_blocks = uint64_t{1} << 40;
+  status.f_bfree = uint64_t{1} << 39;
+  uint64_t total = 0;
+  uint64_t free = 0;
+  uint64_t unit = 0;
+  EXPECT_EQ(errorOf(fileSystemSpace("", total, free, unit)), ENOENT);
+  EXPECT_TRUE(fileSystemSpace("/", total, free, unit));
+  EXPECT_TRUE(total >> 40 == 1 && free >> 39 == 1 && unit == 2);
 }
 
 }  // namespace

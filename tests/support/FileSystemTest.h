@@ -1,50 +1,50 @@
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
-#include <vector>
 
+#include "support/Descriptor.h"
+#include "tests/support/Files.h"
 #include "tests/support/TemporaryDirectory.h"
+
+/// Sets a limit of the process while it lives.
+class ResourceLimit {
+ public:
+  ResourceLimit(__rlimit_resource limited, rlim_t most) : resource(limited) {
+    getrlimit(resource, &old);
+    const rlimit limit{most, old.rlim_max};
+    setrlimit(resource, &limit);
+  }
+  ResourceLimit(const ResourceLimit&) = delete;
+  ResourceLimit& operator=(const ResourceLimit&) = delete;
+  ~ResourceLimit() { setrlimit(resource, &old); }
+
+ private:
+  const __rlimit_resource resource;
+  rlimit old{};
+};
 
 /// A directory to work in, and the check that no test leaves a descriptor open.
 class FileSystemTest : public testing::Test {
  protected:
   FileSystemTest() { umask(022); }
 
-  void TearDown() override {
-    overridePermissions(true);
-    EXPECT_EQ(openDescriptors(), descriptorsBefore);
-  }
-
-  /// Whether root may do what a file's mode forbids.
-  static void overridePermissions(bool mayDo) {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct sets[2];
-    EXPECT_EQ(syscall(SYS_capget, &header, sets), 0);
-    constexpr uint32_t kOverriding = 1U << CAP_DAC_OVERRIDE | 1U << CAP_DAC_READ_SEARCH;
-    sets[0].effective = mayDo ? sets[0].permitted : sets[0].permitted & ~kOverriding;
-    EXPECT_EQ(syscall(SYS_capset, &header, sets), 0);
-  }
+  void TearDown() override { EXPECT_EQ(openDescriptors(), descriptorsBefore); }
 
   /// The reason of a call that gave false; 0 for one that gave true.
   static int errorOf(bool result) { return result ? 0 : errno; }
 
-  static std::ptrdiff_t openDescriptors() {
-    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-    return std::distance(begin(descriptors), end(descriptors)) - 1;  // less the iterator's
-  }
+  static size_t openDescriptors() { return namesIn("/proc/self/fd").size() - 1; }
 
   /// Makes what the words tell of, below the directory and in new folders if need be: "file",
   /// "file=content", "link>target", "fifo|" and "folder/".
@@ -52,15 +52,15 @@ class FileSystemTest : public testing::Test {
     std::istringstream words(tree);
     for (std::string word; words >> word;) {
       const size_t mark = std::min(word.find_first_of("=>|"), word.size());
-      const std::string name = word.substr(0, mark);
+      const std::filesystem::path path = directory / word.substr(0, mark);
       const std::string rest = word.substr(std::min(mark + 1, word.size()));
-      std::filesystem::create_directories(std::filesystem::path(directory / name).parent_path());
+      std::filesystem::create_directories(path.parent_path());
       if (word[mark] == '>') {
-        makeLink(name, rest);
+        std::filesystem::create_symlink(rest, path);
       } else if (word[mark] == '|') {
-        EXPECT_EQ(mkfifo((directory / name).c_str(), 0666), 0);
+        EXPECT_EQ(mkfifo(path.c_str(), 0666), 0);
       } else if (!word.ends_with('/')) {
-        makeFile(name, rest);
+        writeFile(path, rest);
       }
     }
   }
@@ -77,7 +77,7 @@ class FileSystemTest : public testing::Test {
         word += "/";
       } else if (entry.is_fifo()) {
         word += "|";
-      } else if (const std::string content = contentOf(entry.path()); !content.empty()) {
+      } else if (const std::string content = readFile(entry.path()); !content.empty()) {
         word.append("=").append(content);
       }
       if (!word.ends_with('/') || is_empty(entry)) {
@@ -93,35 +93,20 @@ class FileSystemTest : public testing::Test {
 
   /// Writes a file below the directory, in new folders if need be, and returns its path.
   std::string makeFile(const std::string& name, const std::string& content = "") {
-    const std::filesystem::path path = directory / name;
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
-  }
-
-  std::string makeLink(const std::string& name, const std::string& target) {
-    std::filesystem::create_symlink(target, directory / name);
+    writeFile(directory / name, content);
     return directory / name;
   }
 
-  static std::string contentOf(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
-  }
-
-  /// The names in a folder below the directory, in the order of `readdir`.
-  [[nodiscard]] std::vector<std::string> entries(const std::string& folder = "") const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(directory / folder)) {
-      names.push_back(entry.path().filename());
-    }
-    return names;
+  /// Takes a lock on the first byte behind `start`, or all of them, or gives it back. It is one of
+  /// the open file: to record locks as good as another process's.
+  static bool setLock(const kst::support::Descriptor& file, short type, off_t start = 0) {
+    struct flock lock{type, SEEK_SET, start, start == 0 ? 0 : 1, 0};
+    return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
   }
 
   const TemporaryDirectory directory;
   const std::string oddName = "line\nfeed [a-z]*\\(\xff\xfe";
 
  private:
-  const std::ptrdiff_t descriptorsBefore = openDescriptors();
+  const size_t descriptorsBefore = openDescriptors();
 };

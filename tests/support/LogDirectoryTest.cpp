@@ -1,11 +1,5 @@
 #include "support/LogDirectory.h"
 
-#include <sys/stat.h>
-#include <syslog.h>
-
-#include <cerrno>
-#include <thread>
-
 #include "support/FileOperations.h"
 #include "tests/fakes/SystemCalls.h"
 #include "tests/support/FileSystemTest.h"
@@ -41,10 +35,7 @@ TEST_F(LogDirectoryTest, PrunesByTheTimeOfTheLastStatusChange) {
   ASSERT_EQ(stat((directory / "file").c_str(), &status), 0);
   const std::string before = tree();
   SystemCalls calls;
-  for (const auto& [age, limit] : {std::pair(1000, uint64_t{1001}),
-                                   {1000, UINT64_MAX},
-                                   {0, uint64_t{1}},
-                                   {-1000, uint64_t{1000}}}) {
+  for (const auto& [age, limit] : {std::pair(1000, uint64_t{1001}), {0, 1}, {-1000, 1000}}) {
     calls.now = status.st_ctime + age;
     EXPECT_TRUE(pruneDirectory(directory.path, limit));
     EXPECT_EQ(tree(), before) << age << ' ' << limit;
@@ -60,14 +51,12 @@ TEST_F(LogDirectoryTest, PrunesByTheTimeOfTheLastStatusChange) {
 
 TEST_F(LogDirectoryTest, CollectsNamesThatMatchAsAWhole) {
   make("bb-1 bb-x bb- bb-1-2 xbb-1 bb-\xff bb-link>bb-1");
-  makeFile("bb-1\n");
   const std::tuple<std::string, bool, bool, std::set<std::string>> cases[] = {
       {"bb-[[:alnum:]]*", false, false, {"", "bb-", "bb-1", "bb-x"}},
       {"bb-[[:alnum:]]*", false, true, {"", "bb-", "bb-1", "bb-x"}},
       {"bb-[[:alnum:]]*", true, false, {"", "bb-", "bb-1", "bb-link", "bb-x"}},
-      {"[^]*[\n\xff]", false, false, {"", "bb-1\n", "bb-\xff"}},
-      {"\\.*", false, false, {""}},
-  };
+      {"[^]*\xff", false, false, {"", "bb-\xff"}},
+      {"\\.*", false, false, {""}}};
   std::vector<std::string> names;
   SystemCalls calls;
   for (const auto& [pattern, withLinks, typesAreUnknown, found] : cases) {
@@ -77,32 +66,23 @@ TEST_F(LogDirectoryTest, CollectsNamesThatMatchAsAWhole) {
               found.size() > 1);
     EXPECT_EQ(std::set(names.begin(), names.end()), found) << pattern;
   }
-  openlog("test", LOG_PERROR, LOG_USER);
-  setlogmask(LOG_MASK(LOG_ERR));  // NOLINT(concurrency-mt-unsafe)
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(errorOf(collectMatchingNames(makeFile("%s"), std::regex(".*"), names, true)), ENOTDIR);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "test: " + directory / "%s" + " (Not a directory)\n");
-  openlog(nullptr, 0, LOG_USER);
-  closelog();
+  EXPECT_EQ(errorOf(collectMatchingNames(makeFile("file"), std::regex(".*"), names, true)),
+            ENOTDIR);
 }
 
 TEST_F(LogDirectoryTest, FindsTheHighestNumberOfASeries) {
-  make("bb-2 bb-10 bb-x bb-3-77 xbb-78 bb-99>bb-2 none- big-4294967295 big-4294967296 big-0x7");
+  make(
+      "bb-2 bb-10 bb-x bb-3-77 xbb-78 bb-99>bb-2 none- big-4294967295 big-4294967296 hex-9 "
+      "hex-0x10");
   const std::string longest = '[' + std::string(1021, 'b') + "]b";
   const std::pair<std::string, std::string> cases[] = {
-      {"bb", "10"}, {"big", "4294967295"}, {"(none)?", "0"}, {longest, "10"}};
-  const auto find = [&] {
-    for (const auto& [name, number] : cases) {
-      const std::string path = directory / name;
-      EXPECT_EQ(latestNumberedPath(path + "//"), path + '-' + number + '/');
-    }
-  };
-  const std::jthread other(find);
-  find();
-  const std::string tooLong = directory / ("[b" + longest.substr(1));
-  for (const std::string& path : {directory / "missing", directory / "[z-a]", tooLong,
-                                  std::string("//"), std::string("bb")}) {
+      {"bb", "10"}, {"big", "4294967295"}, {"hex", "16"}, {"(none)?", "0"}, {longest, "10"}};
+  for (const auto& [name, number] : cases) {
+    const std::string path = directory / name;
+    EXPECT_EQ(latestNumberedPath(path + "//"), path + '-' + number + '/');
+  }
+  for (const std::string& path : {directory / "missing", directory / "[z-a]",
+                                  directory / ("[b" + longest.substr(1)), std::string("bb")}) {
     EXPECT_EQ(latestNumberedPath(path), "") << path;
   }
 }

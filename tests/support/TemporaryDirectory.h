@@ -22,8 +22,10 @@ class TemporaryDirectory {
     std::filesystem::remove_all(path, ignored);
   }
 
-  /// The path of `name` in the directory.
-  std::string operator/(const std::string& name) const { return path + "/" + name; }
+  /// The path of `name` in the directory; that of a full path is itself.
+  std::string operator/(const std::string& name) const {
+    return std::filesystem::path(path) / name;
+  }
 
   std::string path;
 };

@@ -1,8 +1,6 @@
 #include "trace/Trace.h"
 
 #include <array>
-#include <cstdlib>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -30,12 +28,11 @@ TEST_F(TraceTest, AnswersByRadioVendorProductAndWhatIsAllowed) {
   };
   const auto checkAll = [&](bool allowed) {
     fakes::script().traceAllowed = allowed;
-    std::array<std::thread, 8> threads;
-    for (std::thread& thread : threads) {
-      thread = std::thread([&] { EXPECT_EQ(isAllowed(), allowed); });
-    }
-    for (std::thread& thread : threads) {
-      thread.join();
+    {
+      std::array<std::jthread, 8> threads;
+      for (std::jthread& thread : threads) {
+        thread = std::jthread([&] { EXPECT_EQ(isAllowed(), allowed); });
+      }
     }
     EXPECT_EQ(takeLog(), "isTraceAllowed\n");
     fakes::script().traceAllowed = !allowed;  // nobody asks again
@@ -92,20 +89,15 @@ TEST_F(TraceTest, BuildPredicatesAskNoMoreThanTheyNeed) {
   EXPECT_EQ(takeLog(), "isInternalBuild\nisCarrierBuild\n");
 }
 
-template <typename Enum>
-void expectTexts(const std::vector<std::string>& texts) {
-  for (std::size_t i = 0; i < texts.size(); ++i) {
-    EXPECT_EQ(toString(static_cast<Enum>(i)), texts[i]);
-  }
-  EXPECT_STREQ(toString(static_cast<Enum>(-1)), "Unknown");
-}
-
 TEST_F(TraceTest, EnumerationsHaveTexts) {
-  expectTexts<Mode>({"Active on AP", "Active external through dock",
-                     "Passive external through dock", "Passive external through software",
-                     "Passive on AP", "Unknown"});
-  expectTexts<DuringAPSleep>({"Off", "Full", "Lite", "Unknown"});
-  expectTexts<Recovery>({"None", "Reset Baseband", "Reconfigure", "Unknown"});
+  const auto expectTexts = [](auto last, const char* text) {
+    EXPECT_STREQ(toString(last), text);
+    EXPECT_STREQ(toString(static_cast<decltype(last)>(static_cast<int>(last) + 1)), "Unknown");
+    EXPECT_STREQ(toString(static_cast<decltype(last)>(-1)), "Unknown");
+  };
+  expectTexts(static_cast<Mode>(4), "Passive on AP");
+  expectTexts(static_cast<DuringAPSleep>(2), "Lite");
+  expectTexts(static_cast<Recovery>(2), "Reconfigure");
 }
 
 }  // namespace

@@ -1,9 +1,5 @@
 #include "platform/client/HelperClient.h"
 
-#include <gtest/gtest.h>
-
-#include <optional>
-
 #include "tests/platform/bus/PrivateBus.h"
 #include "tests/platform/bus/ScriptedService.h"
 

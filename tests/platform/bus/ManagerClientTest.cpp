@@ -1,25 +1,13 @@
 #include "platform/client/ManagerClient.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <cstdlib>
 #include <future>
-#include <optional>
 #include <set>
-#include <utility>
 
-#include "support/Descriptor.h"
 #include "tests/platform/bus/Mailbox.h"
 #include "tests/platform/bus/PrivateBus.h"
 #include "tests/platform/bus/ScriptedService.h"
+#include "tests/platform/bus/SilentBus.h"
 
 namespace {
 
@@ -107,6 +95,9 @@ TEST_F(ManagerClientTest, EveryAnswerBecomesAStatusAndAReply) {
   constexpr auto error = [](const char* name) {
     return [=](sd_bus_message* call) { sd_bus_reply_method_errorf(call, name, "no"); };
   };
+  const std::string huge(8'000'000, 'x');
+  MessageDict nested = dictOf("deep", {});
+  nested.set("k", "r");
   const struct {
     const char* name;
     Service::Script script;
@@ -114,6 +105,17 @@ TEST_F(ManagerClientTest, EveryAnswerBecomesAStatusAndAReply) {
     MessageValue reply;
   } cases[] = {
       {"dictionary", Service::reply("isv", 0, "", "a{sv}", 1, "k", "s", "r"), 0, dictOf("k", "r")},
+      {"twice",
+       [](sd_bus_message* call) {
+         sd_bus_reply_method_return(call, "isv", 0, "", "s", "first");
+         sd_bus_reply_method_return(call, "isv", 0, "", "s", "second");
+       },
+       0, "first"},
+      {"huge", Service::reply("isv", 0, "", "s", huge.c_str()), 0, huge},
+      {"nested",
+       Service::reply("isv", 0, "", "a{sv}", 2, "deep", "v", "v", "v", "v", "v", "v", "v", "v", "v",
+                      "v", "v", "v", "v", "v", "s", "bottom", "k", "s", "r"),
+       0, nested},
       {"the service's own status", Service::reply("isv", -7, "why", "s", "r"), -7, "r"},
       {"absent by its own word", Service::reply("isv", kst::kResultManagerNotRunning, "", "s", "r"),
        kst::kResultManagerNotRunning, "r"},
@@ -121,8 +123,7 @@ TEST_F(ManagerClientTest, EveryAnswerBecomesAStatusAndAReply) {
       {"wrong types", Service::reply("ssv", "0", "", "s", ""), kst::kResultMalformedReply, {}},
       {"nothing", Service::reply(""), kst::kResultMalformedReply, {}},
       {"denied", error(SD_BUS_ERROR_ACCESS_DENIED), kst::kResultAccessDenied, {}},
-      {"unknown method", error(SD_BUS_ERROR_UNKNOWN_METHOD), kst::kResultCallFailed, {}},
-  };
+      {"unknown method", error(SD_BUS_ERROR_UNKNOWN_METHOD), kst::kResultCallFailed, {}}};
   bus.start();
   connect();
   for (const auto& test : cases) {
@@ -137,8 +138,7 @@ TEST_F(ManagerClientTest, LostReplyCallsBackOnceOnTheQueueWhenTheStateIsTold) {
   const std::pair<const char*, std::function<void()>> losses[] = {
       {"the service goes", [&] { service.reset(); }},
       {"the bus goes", [&] { bus.kill(); }},
-      {"the client goes", [&] { manager.reset(); }},
-  };
+      {"the client goes", [&] { manager.reset(); }}};
   for (const auto& [name, lose] : losses) {
     SCOPED_TRACE(name);
     bus.kill();
@@ -177,73 +177,27 @@ TEST_F(ManagerClientTest, LostReplyCallsBackOnceOnTheQueueWhenTheStateIsTold) {
   }
 }
 
-using kst::support::Descriptor;
-
-/// Takes the place of the bus.
-Descriptor listenAsBus() {
-  const std::string path = std::string(std::getenv("DBUS_SYSTEM_BUS_ADDRESS")).substr(10);
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  listen(listener.get(), 16);
-  return listener;
-}
-
-/// The next connection to that; none when none comes.
-Descriptor accepted(const Descriptor& listener, milliseconds limit = std::chrono::seconds(20)) {
-  pollfd came{listener.get(), POLLIN, 0};
-  poll(&came, 1, static_cast<int>(limit.count()));
-  return Descriptor(came.revents == 0 ? -1
-                                      : accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-}
-
-/// Answers so many calls as a bus on which every name has an owner, and then nothing.
-dbus::BusPtr answer(Descriptor connection, int calls) {
-  sd_bus* end = nullptr;
-  sd_bus_new(&end);
-  const int socket = connection.release();
-  sd_bus_set_fd(end, socket, socket);
-  sd_bus_set_server(end, 1, {.bytes = {1}});
-  sd_bus_start(end);
-  while (calls > 0 && sd_bus_is_open(end) > 0) {
-    sd_bus_message* call = nullptr;
-    if (sd_bus_process(end, &call) == 0) {
-      sd_bus_wait(end, UINT64_MAX);
-    }
-    const dbus::MessagePtr owner(call);
-    if (call && sd_bus_message_is_method_call(call, nullptr, nullptr) > 0) {
-      const bool asksForName = sd_bus_message_is_method_call(call, nullptr, "AddMatch") == 0;
-      sd_bus_reply_method_return(call, asksForName ? "s" : "", ":1.7");
-      --calls;
-    }
-  }
-  sd_bus_flush(end);
-  return dbus::BusPtr(end);
-}
-
 TEST_F(ManagerClientTest, WhoNeverAnswersIsNotWaitedForLong) {
-  constexpr int kMostAnswers = 4;  // enough to learn who owns a name
-  const Descriptor listener = listenAsBus();
-  std::vector<std::pair<std::shared_ptr<ManagerClient>, dbus::BusPtr>> ends;
-  for (int answers = 0; answers <= kMostAnswers; ++answers) {
+  SilentBus silent;
+  std::vector<std::shared_ptr<ManagerClient>> clients;
+  for (int answers = 0; answers <= SilentBus::kMostAnswers; ++answers) {
     connect();
     perform();
-    ends.emplace_back(manager, answer(accepted(listener), answers));
+    EXPECT_TRUE(silent.taken.next());
+    clients.push_back(manager);
   }
-  std::vector<Descriptor> retries;
-  for (int i = 0; i < kMostAnswers; ++i) {
-    retries.push_back(accepted(listener));
-    EXPECT_TRUE(retries.back());
+  // All but the last try again, once.
+  for (int retry = 0; retry < SilentBus::kMostAnswers; ++retry) {
+    EXPECT_TRUE(silent.taken.next());
   }
-  EXPECT_FALSE(accepted(listener, milliseconds(500)));
+  EXPECT_FALSE(silent.taken.next(milliseconds(500)));
   std::multiset<std::int32_t> heard;
   std::multiset<std::int32_t> heardLater;
-  for (auto& [client, end] : ends) {
+  for (const auto& client : clients) {
     heard.insert(statuses.next().value_or(0));
     // Whoever asks again does not wait again.
     const auto start = std::chrono::steady_clock::now();
-    manager = std::move(client);
+    manager = client;
     heardLater.insert(performAndWait());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
   }
@@ -254,11 +208,11 @@ TEST_F(ManagerClientTest, WhoNeverAnswersIsNotWaitedForLong) {
 }
 
 TEST_F(ManagerClientTest, ABusThatHangsUpIsTriedAgainNowAndThen) {
-  const Descriptor listener = listenAsBus();
+  SilentBus silent(true);
   connect();
   const auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < 4; ++i) {
-    EXPECT_TRUE(accepted(listener));
+    EXPECT_TRUE(silent.taken.next());
   }
   EXPECT_GT(std::chrono::steady_clock::now() - start, milliseconds(500));
 }
@@ -268,18 +222,11 @@ TEST_F(ManagerClientTest, NobodyElseIsBelieved) {
   perform();
   const std::string client = received.next().value_or("");
   const dbus::BusPtr forger = PrivateBus::connect();
-  const auto forge = [&](const char* path, const char* interface, const char* member,
-                         const char* types, auto... values) {
-    sd_bus_message* made = nullptr;
-    sd_bus_message_new_signal(forger.get(), &made, path, interface, member);
-    const dbus::MessagePtr signal(made);
-    sd_bus_message_append(made, types, values...);
-    sd_bus_send_to(forger.get(), made, client.c_str(), nullptr);
-  };
-  forge(dbus::kBusPath, dbus::kBusService, "NameOwnerChanged", "sss", dbus::kManager.service,
-        ":1.0", "");
-  forge(dbus::kManager.path, "org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as",
-        dbus::kManager.interface, 1, dbus::kServerStateProperty, "s", "Forged", 0);
+  forge(forger, client.c_str(), dbus::kBusPath, dbus::kBusService, "NameOwnerChanged", "sss",
+        dbus::kManager.service, ":1.0", "");
+  forge(forger, client.c_str(), dbus::kManager.path, "org.freedesktop.DBus.Properties",
+        "PropertiesChanged", "sa{sv}as", dbus::kManager.interface, 1, dbus::kServerStateProperty,
+        "s", "Forged", 0);
   sd_bus_call_method(forger.get(), dbus::kBusService, dbus::kBusPath, dbus::kBusService, "GetId",
                      nullptr, nullptr, nullptr);  // the bus has passed them on
   service->setState("Stopping");
@@ -336,47 +283,12 @@ TEST_F(ManagerClientTest, AHandoverIsAServiceThatGoesAndOneThatComes) {
   second.reset();
   EXPECT_EQ(states.next(), kst::kServerStateStopped);
   EXPECT_FALSE(states.next(milliseconds(100)));
-
-  // Long after the last connection, too, there is a next one.
-  service.reset();
-  bus.kill();
-  bus.start();
-  service.emplace(dbus::kManager, kSilent);
-  EXPECT_EQ(states.next(), "Started");
-}
-
-/// The descriptor that is opened next.
-int nextDescriptor() {
-  const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  close(next);
-  return next;
-}
-
-TEST_F(ManagerClientTest, WithoutDescriptorsThereIsNoBus) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the sanitizer needs descriptors for its own checks";
-#endif
-  bus.start();
-  service.emplace(dbus::kManager, ScriptedService::reply("isv", 0, "", "s", ""));
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  for (rlim_t spare = 0; spare < 8; ++spare) {
-    SCOPED_TRACE(spare);
-    const rlimit few{static_cast<rlim_t>(nextDescriptor()) + spare, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &few);
-    connect();
-    kst::client::EventsOn(manager);
-    EXPECT_TRUE(states.next());
-    const std::int32_t status = performAndWait();
-    EXPECT_TRUE(status == kst::kResultManagerNotRunning || (status == 0 && spare > 3)) << status;
-    manager.reset();
-    setrlimit(RLIMIT_NOFILE, &before);
-  }
 }
 
 TEST_F(ManagerClientTest, ALoopThatCannotGoOnAnswersEveryCall) {
   begin();
-  const int loop = nextDescriptor();
+  const int loop = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  close(loop);  // its number is the next one's
   connect();
   kst::client::EventsOn(manager);
   EXPECT_EQ(states.next(), "Started");

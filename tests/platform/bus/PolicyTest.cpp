@@ -2,15 +2,9 @@
 // somebody else.
 
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <pwd.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <regex>
-#include <sstream>
-#include <string>
-#include <utility>
 
 #include "tests/platform/bus/PrivateBus.h"
 #include "tests/platform/bus/ScriptedService.h"
@@ -30,9 +24,7 @@ constexpr const char* kSystemBusDefaults = R"(
 /// What stands in the policy's root element. The bus asks the system who belongs to a group, so
 /// users that every system has stand in.
 std::string policy() {
-  std::ostringstream file;
-  file << std::ifstream(KST_BUS_POLICY).rdbuf();
-  std::string text = file.str();
+  std::string text = readFile(KST_BUS_POLICY);
   text = std::regex_replace(text, std::regex("user=\"kestrane\""), "user=\"daemon\"");
   text = std::regex_replace(text, std::regex("group=\"kestrane\""), "group=\"bin\"");
   return std::regex_replace(text, std::regex("[^]*<busconfig>|</busconfig>"), "");
@@ -51,8 +43,7 @@ std::string deeds() {
         {peer.interface, "Perform"}, {nullptr, "Perform"},
         {kProperties, "Get"},        {kProperties, "GetAll"},
         {kProperties, "Set"},        {"org.freedesktop.DBus.Introspectable", "Introspect"},
-        {peer.interface, "Other"},
-    };
+        {peer.interface, "Other"}};
     for (const auto& [interface, member] : tried) {
       sd_bus_error error{};
       sd_bus_call_method(bus.get(), peer.service, peer.path, interface, member, &error, nullptr,
@@ -88,8 +79,7 @@ TEST(PolicyTest, RootAndTheGroupMayCallEverybodyMaySeeTheState) {
       {"root", "manager: own Perform Get GetAll Introspect helper: own Perform Introspect"},
       {"daemon", "manager: own Get GetAll Introspect helper: own Introspect"},
       {"bin", "manager: Perform Get GetAll Introspect helper: Perform Introspect"},
-      {"nobody", "manager: Get GetAll Introspect helper: Introspect"},
-  };
+      {"nobody", "manager: Get GetAll Introspect helper: Introspect"}};
   for (const auto& [user, allowed] : cases) {
     become(user);
     EXPECT_EQ(deeds(), allowed) << user;

@@ -1,21 +1,9 @@
 #include "platform/dbus/Service.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <functional>
 #include <memory>
-#include <optional>
-#include <string>
-#include <system_error>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "platform/dbus/BlockingCall.h"
 #include "platform/dbus/MessageCodec.h"
-#include "platform/dbus/SdBus.h"
 #include "tests/platform/bus/Mailbox.h"
 #include "tests/platform/bus/PrivateBus.h"
 
@@ -66,12 +54,8 @@ class Client {
   void forgeLossOf(const Client& other) const {
     const char* name = "";
     sd_bus_get_unique_name(other.bus.get(), &name);
-    sd_bus_message* made = nullptr;
-    sd_bus_message_new_signal(bus.get(), &made, dbus::kBusPath, dbus::kBusService,
-                              "NameOwnerChanged");
-    const dbus::MessagePtr signal(made);
-    sd_bus_message_append(made, "sss", name, name, "");
-    sd_bus_send_to(bus.get(), made, dbus::kManager.service, nullptr);
+    forge(bus, dbus::kManager.service, dbus::kBusPath, dbus::kBusService, "NameOwnerChanged", "sss",
+          name, name, "");
   }
 
   void leave() { sd_bus_flush_close_unref(bus.release()); }
@@ -136,8 +120,7 @@ TEST_F(ServiceTest, RequestsMayBeSoLargeAndAnswersHaveAnyText) {
   const std::pair<MessageDict, CommandResult> cases[] = {
       {request(64, "k", 1), {-7, "k"}},         {request(65, "k", 1), tooMany},
       {request(1, "k", kLimit - 3), {-7, "k"}}, {request(1, "k", kLimit - 2), tooLong},
-      {request(1, "/café", 1), {-7, "/café"}},  {request(1, "broken", 1), {-7, "/caf?"}},
-  };
+      {request(1, "/café", 1), {-7, "/café"}},  {request(1, "broken", 1), {-7, "/caf?"}}};
   handler = [](const Call& call) {
     const std::string& key = call->command.request.entries().back().first;
     call->answer({-7, key == "broken" ? "/caf\xe9" : key});
@@ -151,35 +134,6 @@ TEST_F(ServiceTest, RequestsMayBeSoLargeAndAnswersHaveAnyText) {
     EXPECT_EQ(result.text, expected.text);
     EXPECT_EQ(reply, MessageValue(MessageDict()));
   }
-}
-
-TEST_F(ServiceTest, EachStateIsAnnouncedWithItsValue) {
-  run();
-  const dbus::BusPtr watcher = PrivateBus::connect();
-  std::string seen;
-  sd_bus_match_signal(
-      watcher.get(), nullptr, nullptr, dbus::kManager.path, "org.freedesktop.DBus.Properties",
-      "PropertiesChanged",
-      [](sd_bus_message* signal, void* states, sd_bus_error*) {
-        MessageDict changed;
-        sd_bus_message_skip(signal, "s");
-        dbus::readDict(signal, changed);
-        *static_cast<std::string*>(states) +=
-            changed.text(dbus::kServerStateProperty, "none") + " ";
-        return 0;
-      },
-      &seen);
-  loop.post([&] {
-    service->setServerState("Started");
-    service->setServerState("Stopping");
-  });
-  const auto deadline = steady_clock::now() + seconds(20);
-  while (seen != "Started Stopping " && steady_clock::now() < deadline) {
-    if (sd_bus_process(watcher.get(), nullptr) == 0) {
-      sd_bus_wait(watcher.get(), 100'000);
-    }
-  }
-  EXPECT_EQ(seen, "Started Stopping ");
 }
 
 TEST_F(ServiceTest, OnlyTheBusTellsWhetherACallerHasLeft) {

@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <fstream>
-
 #include "platform/device/BuildInfo.h"
 #include "platform/device/RadioInfo.h"
+#include "tests/support/Files.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -15,9 +13,9 @@ namespace {
 class DeviceConfigTest : public testing::Test {
  protected:
   void configure(const std::string& text) const {
-    std::ofstream(directory / "conf") << text;
-    setenv("KESTRANE_DEVICE_CONF", (directory / "conf").c_str(),
-           1);  // NOLINT(concurrency-mt-unsafe)
+    writeFile(directory / "conf", text);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
+    setenv("KESTRANE_DEVICE_CONF", (directory / "conf").c_str(), 1);
   }
 
   const TemporaryDirectory directory;
@@ -32,10 +30,8 @@ TEST_F(DeviceConfigTest, ReadsSettings) {
   EXPECT_EQ(RadioInfo::getRadio(), 3);
   EXPECT_EQ(RadioInfo::getRadioVendor(), 2);
   EXPECT_EQ(RadioInfo::getProduct(), INT32_MIN);
-  EXPECT_TRUE(BuildInfo::isInternalBuild());
-  EXPECT_TRUE(BuildInfo::isCarrierBuild());
-  EXPECT_FALSE(BuildInfo::isVendorBuild());
-  EXPECT_TRUE(BuildInfo::isTraceAllowed());
+  EXPECT_TRUE(BuildInfo::isInternalBuild() && BuildInfo::isCarrierBuild());
+  EXPECT_TRUE(BuildInfo::isTraceAllowed() && !BuildInfo::isVendorBuild());
   const DeviceConfig config = DeviceConfig::load();
   EXPECT_EQ(config.text("trace.BasebandTrace.Enabled"), "a = b");
   EXPECT_EQ(config.text("trace.Empty.Enabled"), "");
@@ -56,7 +52,6 @@ TEST_F(DeviceConfigTest, BrokenValuesCountAsUnset) {
 TEST_F(DeviceConfigTest, OddFilesAreNoConfiguration) {
   ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
   for (const char* const name : {"missing", "pipe", ""}) {
-    SCOPED_TRACE(name);
     setenv("KESTRANE_DEVICE_CONF", (directory / name).c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
     EXPECT_EQ(RadioInfo::getRadio(), 0);
   }

@@ -4,15 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <string>
 
+#include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"
 
 TEST(ProcessQuery, FindsTheExactNameOfARunningProcess) {
-  using Clock = std::chrono::steady_clock;
   const std::pair<const char*, std::size_t> names[] = {
       {"kst", 14},  {"kst", 15},  {"kst", 16}, {"kst", 40},     {"a) R 1", 15},
       {"(b c", 14}, {") Z ", 15}, {"d\n", 14}, {"(e) S (", 20}, {"\xff\xc3", 14}};
@@ -25,10 +22,7 @@ TEST(ProcessQuery, FindsTheExactNameOfARunningProcess) {
     std::filesystem::create_symlink("/bin/sh", directory / name);
     // A shell of that name, which ends when its input does, so no later than this process.
     FILE* const process = popen(("exec '" + (directory / name) + "'").c_str(), "w");
-    const Clock::time_point limit = Clock::now() + std::chrono::seconds(30);
-    while (!isProcessRunning(name) && Clock::now() < limit) {
-    }
-    EXPECT_TRUE(isProcessRunning(name));
+    EXPECT_TRUE(eventually([&] { return isProcessRunning(name); }));
     const std::string shorter = name.substr(0, length - 1);
     for (const std::string& other :
          {shorter, shorter + "y", name + "x", name.substr(1), "/" + name, std::string()}) {

@@ -33,8 +33,7 @@ TEST(MessageDict, TypedReadsFallBackOnOtherKinds) {
       {{}, "none", true, -1},
       {"", "", true, -1},
       {false, "none", false, -1},
-      {INT64_MIN, "none", true, INT64_MIN},
-  };
+      {INT64_MIN, "none", true, INT64_MIN}};
   for (const auto& [value, text, boolean, integer] : cases) {
     MessageDict dict;
     dict.set("key", value);

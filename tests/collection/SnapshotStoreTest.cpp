@@ -1,12 +1,8 @@
-#include "collection/Snapshots.h"
+#include "collection/SnapshotStore.h"
 
 #include <sys/file.h>
-#include <unistd.h>
 
-#include <optional>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "collection/CollectionError.h"
 #include "tests/collection/DeviceTest.h"
@@ -29,11 +25,11 @@ class SnapshotsTest : public DeviceTest {
   void makeSix() {
     kst::support::removeTree(paths.snapshots);
     for (const int day : {4, 6, 1, 5, 2, 3}) {
-      makeIn(paths.snapshots, nameOf(day) + (day % 2 == 0 ? "/DIAG.scratch/log" : ""),
-             std::string(kSome, 'x'));
+      makeFile(paths.snapshots + "/" + nameOf(day) + (day % 2 == 0 ? "/DIAG.scratch/log" : ""),
+               std::string(kSome, 'x'));
     }
     for (const auto& name : foreign) {
-      makeIn(paths.snapshots, name, std::string(kSome, 'x'));
+      makeFile(paths.snapshots + "/" + name, std::string(kSome, 'x'));
     }
     // An ordinary user cannot give a file away.
     if (chown((paths.snapshots + "/" + foreign[0]).c_str(), 65533, 65533) != 0) {
@@ -54,7 +50,7 @@ class SnapshotsTest : public DeviceTest {
       days += std::erase(names, nameOf(day)) > 0 ? std::to_string(day) : "";
     }
     std::erase(names, foreign[0]);
-    return names == Names(foreign.begin() + 1, foreign.end()) ? days : "0";
+    return names.size() == foreign.size() - 1 ? days : "0";
   }
 
   static constexpr std::uint64_t kSome = 65'536;
@@ -88,19 +84,17 @@ TEST_F(SnapshotsTest, NoTwoSnapshotsShareATimestampAndNoneIsReplaced) {
   for (const auto& each : cases) {
     const bool isFile = each.suffix == "-baseband.zip";
     SnapshotStore store = open();
-    makeIn(paths.staging, isFile ? "snapshot.zip" : "snapshot/log", each.suffix);
+    makeFile(paths.staging + (isFile ? "/snapshot.zip" : "/snapshot/log"), each.suffix);
     const std::string another =
         paths.snapshots + "/log-bb-1970-01-01-00-" + each.taken + each.suffix;
     calls.fail("renameat2", each.error, 0, [&] {
-      if (!isThere(another)) {  // right before the name is taken, it is somebody else's
-        std::ofstream(another) << "another";
-      }
+      makeFile(another, "another");  // right before the name is taken, it is somebody else's
     });
     const SnapshotName name = store.publish(isFile, kLastMoment, each.suffix);
     calls.before = nullptr;
     EXPECT_EQ(name, (SnapshotName{each.timestamp, each.suffix}));
-    EXPECT_EQ(contentOf(paths.snapshots + "/" + name.text() + (isFile ? "" : "/log")), each.suffix);
-    EXPECT_EQ(contentOf(another), "another");
+    EXPECT_EQ(readFile(paths.snapshots + "/" + name.text() + (isFile ? "" : "/log")), each.suffix);
+    EXPECT_EQ(readFile(another), "another");
     EXPECT_THAT(namesIn(paths.staging), IsEmpty());
   }
 }
@@ -116,16 +110,14 @@ TEST_F(SnapshotsTest, RemovesTheOldestBeyondTheLimits) {
     int newest;
     int now;  // in days
     const char* left;
-  } cases[] = {
-      {6, 3, 9999, kAny, 6, 9, "123456"},   {4, 3, 9999, kAny, 6, 9, "3456"},
-      {1, 5, 9999, kAny, 6, 9, "23456"},    {1, 0, 9999, kAny, 6, 9, "6"},
-      {32, 0, 5, kAny, 6, 9, "456"},         // of exactly the age: stays
-      {32, 3, 5, kAny, 6, 5000, "456"},      // the clock jumped
-      {32, 0, 5, kAny, 6, -5000, "123456"},  // all of the future
-      {1, 3, 9999, kAny, 2, 1, "256"},       // the clock was set back
-      {32, 0, 9999, kThree, 6, 9, "456"},   {32, 5, 9999, kThree, 6, 9, "23456"},
-      {32, 0, 9999, 1, 1, 9, "1"},
-  };
+  } cases[] = {{6, 3, 9999, kAny, 6, 9, "123456"},   {4, 3, 9999, kAny, 6, 9, "3456"},
+               {1, 5, 9999, kAny, 6, 9, "23456"},    {1, 0, 9999, kAny, 6, 9, "6"},
+               {32, 0, 5, kAny, 6, 9, "456"},         // of exactly the age: stays
+               {32, 3, 5, kAny, 6, 5000, "456"},      // the clock jumped
+               {32, 0, 5, kAny, 6, -5000, "123456"},  // all of the future
+               {1, 3, 9999, kAny, 2, 1, "256"},       // the clock was set back
+               {32, 0, 9999, kThree, 6, 9, "456"},   {32, 5, 9999, kThree, 6, 9, "23456"},
+               {32, 0, 9999, 1, 1, 9, "1"}};
   for (const auto& each : cases) {
     makeSix();
     limits.maxSnapshots = each.maxSnapshots;
@@ -133,7 +125,10 @@ TEST_F(SnapshotsTest, RemovesTheOldestBeyondTheLimits) {
     limits.maxAge = std::chrono::days(each.maxDays);
     limits.maxTotal = each.maxTotal;
     calls.now = (each.now - 1) * 86'400;  // the first day is that of time 0
-    EXPECT_FALSE(open().removeOld(SnapshotName::read(nameOf(each.newest)).value()));
+    const SnapshotName newest = SnapshotName::read(nameOf(each.newest)).value();
+    EXPECT_FALSE(open().removeOld(newest, [] { return false; }));
+    EXPECT_EQ(daysLeft(), "123456") << &each - cases;
+    EXPECT_FALSE(open().removeOld(newest, [] { return true; }));
     EXPECT_EQ(daysLeft(), each.left) << &each - cases;
   }
 }
@@ -198,7 +193,7 @@ TEST_F(SnapshotsTest, LooksForRoomAgainAndAgain) {
 }
 
 TEST_F(SnapshotsTest, ClearsItsOwnRemainsAlone) {
-  const std::string staging = paths.staging.substr(directory.path.size() + 1);
+  const std::string& staging = paths.staging;
   make("outside/kept");
   for (const std::string name : {"/snapshot", "/snapshot.zip", "/removed"}) {
     for (const auto& remains : Names{"/a/half", "=half", ">" + directory / "outside"}) {
@@ -237,12 +232,15 @@ TEST_F(SnapshotsTest, TrustsNoFolderButItsOwn) {
 
   // What others might do in a folder of ours is taken away, whatever the umask.
   umask(0);
-  const std::string own = directory / "new/staging";
+  const std::string own = directory / "new/snapshots";
   for (const auto& [before, after] :
        {std::pair(0U, 0750U), {0777, 0750}, {0700, 0700}, {0707, 0700}, {02750, 0750}}) {
-    EXPECT_TRUE(before == 0 || kst::support::changeMode(own, before));
-    const SnapshotStore store(own, paths.snapshots, limits, isCancelled);
+    for (const std::string& made : {paths.staging, own}) {
+      EXPECT_TRUE(before == 0 || kst::support::changeMode(made, before));
+    }
+    const SnapshotStore store(paths.staging, own, limits, isCancelled);
     EXPECT_EQ(modeOf(own), after);
+    EXPECT_EQ(modeOf(paths.staging), 0700);  // who could open it could lock it
   }
   EXPECT_EQ(modeOf(directory / "new"), 0755);
 }

@@ -4,8 +4,10 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <system_error>
 #include <vector>
 
+/// Writes a file, in new folders if need be.
 inline void writeFile(const std::filesystem::path& path, const std::string& content) {
   std::filesystem::create_directories(path.parent_path());
   std::ofstream(path, std::ios::binary) << content;
@@ -16,11 +18,12 @@ inline std::string readFile(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// The paths of what is in a folder; none if there is no folder.
-inline std::vector<std::filesystem::path> entriesOf(const std::filesystem::path& folder) {
-  std::vector<std::filesystem::path> found;
-  if (std::filesystem::exists(folder)) {
-    std::copy(std::filesystem::directory_iterator(folder), {}, std::back_inserter(found));
+/// The names in a folder, in the order of `readdir`; none if there is no folder.
+inline std::vector<std::string> namesIn(const std::filesystem::path& folder) {
+  std::vector<std::string> names;
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+    names.push_back(entry.path().filename());
   }
-  return found;
+  return names;
 }
