@@ -52,7 +52,7 @@ std::vector<std::string> ControlPipe::wait(std::chrono::milliseconds time) const
   while ((count = read(reader.get(), buffer.data(), buffer.size())) > 0) {
     text.append(buffer.data(), static_cast<std::size_t>(count));
   }
-  return kst::splitString(text, '\n');
+  return splitString(text, '\n');
 }
 
 }  // namespace simulator

@@ -10,3 +10,7 @@ namespace kst {
 std::vector<std::string> splitString(const std::string& text, char separator);
 
 }  // namespace kst
+
+// Named without the namespace by code above the port; only the symbol must not clash with that of
+// a program that links the installed library.
+using kst::splitString;
