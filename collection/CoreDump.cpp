@@ -38,7 +38,7 @@ class ControlWriter {
       const bool unread = errno == ENXIO || errno == ENOENT;
       return callFailed(unread ? "vexild does not run: open" : "open", path);
     }
-    struct stat status{};
+    struct stat status = {};
     if (fstat(end.get(), &status) != 0) {
       return callFailed("fstat", path);
     }
@@ -120,7 +120,7 @@ class DumpFolder {
     if (above) {
       names = kst::support::openDirectory(above.get(), kst::trace::kCoreDump);
     }
-    struct stat status{};
+    struct stat status = {};
     if (!names.isOpen() || fstat(names.descriptor(), &status) != 0) {
       return errno == ENOENT ? void() : giveUp(callFailed("open", paths.coreDumps));
     }

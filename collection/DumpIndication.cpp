@@ -19,7 +19,7 @@ Descriptor openFolderOf(const std::string& path) {
 
 /// The folder's sticky bit keeps others from putting something else there in between.
 void removeOwn(const Descriptor& folder, const std::string& name) {
-  struct stat status{};
+  struct stat status = {};
   if (fstatat(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
       S_ISREG(status.st_mode) && status.st_uid == geteuid()) {
     unlinkat(folder.get(), name.c_str(), 0);

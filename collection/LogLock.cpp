@@ -23,7 +23,7 @@ constexpr std::chrono::milliseconds kLookInterval{2};
 LogLock::LogLock(int directory, const std::string& folder) {
   constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
   Descriptor opened(openat(directory, lockFileOf(folder).c_str(), kFlags));
-  struct stat status{};
+  struct stat status = {};
   if (!opened || fstat(opened.get(), &status) != 0) {
     if (errno != ENOENT) {
       failure = "its lock: " + std::generic_category().message(errno);

@@ -24,7 +24,7 @@ Descriptor openOwnFolder(const std::string& path, mode_t mode) {
     throwCallFailed("mkdir", path);
   }
   Descriptor folder = kst::support::openFolder(AT_FDCWD, path);
-  struct stat status{};
+  struct stat status = {};
   if (!folder || fstat(folder.get(), &status) != 0) {
     throwCallFailed("open", path);
   }

@@ -58,7 +58,7 @@ std::vector<std::string> entriesOf(int directory) {
 std::uint64_t sizeOnDisk(int directory, const std::string& name, int depth = 0) {
   constexpr std::uint64_t kBlock = 512;  // of st_blocks, whatever the file system
   constexpr int kDeepest = 80;
-  struct stat status{};
+  struct stat status = {};
   if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return 0;
   }
@@ -81,7 +81,7 @@ bool renameToFree(int from, const char* oldName, int to, const std::string& newN
   if (errno != EINVAL) {
     return false;
   }
-  struct stat status{};
+  struct stat status = {};
   if (fstatat(to, newName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
     errno = EEXIST;
     return false;
@@ -214,7 +214,7 @@ std::uint64_t SnapshotStore::sizeOf(const std::vector<SnapshotName>& counted) co
 std::vector<SnapshotName> SnapshotStore::names() const {
   std::vector<SnapshotName> found;
   for (const std::string& entry : entriesOf(snapshots.get())) {
-    struct stat status{};
+    struct stat status = {};
     const auto name = SnapshotName::read(entry);
     if (name && fstatat(snapshots.get(), entry.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         status.st_uid == geteuid()) {
@@ -238,7 +238,7 @@ Failure SnapshotStore::remove(const SnapshotName& name) const {
 }
 
 std::uint64_t SnapshotStore::freeRoom() const {
-  struct statvfs status{};
+  struct statvfs status = {};
   if (fstatvfs(staging.get(), &status) != 0) {
     throwCallFailed("statvfs", snapshotsName);
   }

@@ -58,7 +58,7 @@ OpenLog openLog(int directory, const std::string& name, uid_t folderOwner) {
   constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
   errno = 0;
   Descriptor file(openat(directory, name.c_str(), kFlags));
-  struct stat status{};
+  struct stat status = {};
   if (!file || fstat(file.get(), &status) != 0) {
     return {.file = {}, .record = failureRecord(name)};
   }
@@ -124,7 +124,7 @@ std::optional<OpenLog> SourceWalk::meet(const std::string& name, unsigned char t
   const Level& level = levels.back();
   const std::string path = level.prefix + name;
   const int directory = level.directory.descriptor();
-  struct stat status{};
+  struct stat status = {};
   if (type == DT_UNKNOWN || (repeated && type == DT_REG)) {
     if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
       reportFailure(path);
@@ -153,7 +153,7 @@ void SourceWalk::enter(int directory, const std::string& name, const std::string
     return;
   }
   Descriptor opened = kst::support::openFolder(directory, name);
-  struct stat status{};
+  struct stat status = {};
   if (opened && fstat(opened.get(), &status) == 0) {
     DirectoryStream stream(std::move(opened));
     if (stream.isOpen()) {

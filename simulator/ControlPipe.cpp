@@ -28,7 +28,7 @@ collection::Failure ControlPipe::open(const std::string& path) {
   if (!reader) {
     return collection::callFailed("open", path);
   }
-  struct stat status{};
+  struct stat status = {};
   if (fstat(reader.get(), &status) != 0 || !S_ISFIFO(status.st_mode)) {
     return path + " is no FIFO";  // anything else always has something to be read
   }

@@ -32,7 +32,7 @@ class ExclusiveLock {
 };
 
 std::size_t sizeOf(const std::string& path) {
-  struct stat status{};
+  struct stat status = {};
   return stat(path.c_str(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
 }
 

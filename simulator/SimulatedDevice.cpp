@@ -72,7 +72,7 @@ std::function<bool()> helperAnswers() {
 /// True once something is written to the log, which may be there from an earlier run.
 std::function<bool()> logGrows(const std::string& log) {
   const auto look = [log] {
-    struct stat status{};
+    struct stat status = {};
     stat(log.c_str(), &status);
     return std::tuple(status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
   };

@@ -36,7 +36,7 @@ bool copyBytes(int source, int destination) {
 }
 
 bool copyMode(int source, int destination) {
-  struct stat status{};
+  struct stat status = {};
   return fstat(source, &status) == 0 && fchmod(destination, status.st_mode) == 0;
 }
 
@@ -44,7 +44,7 @@ bool copyMode(int source, int destination) {
 /// once, and has none.
 Descriptor openSized(const std::string& path, off_t& size) {
   Descriptor file(openPath(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
-  struct stat status{};
+  struct stat status = {};
   if (!file || fstat(file.get(), &status) != 0) {
     return {};
   }
@@ -185,12 +185,12 @@ bool fileSize(const std::string& path, size_t& size) {
 }
 
 bool pathExists(const std::string& path) {
-  struct stat status{};
+  struct stat status = {};
   return stat(path.c_str(), &status) == 0;
 }
 
 bool isSymbolicLink(const std::string& path) {
-  struct stat status{};
+  struct stat status = {};
   return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
@@ -257,7 +257,7 @@ size_t hashString(const std::string& text) { return std::hash<std::string>()(tex
 
 bool fileSystemSpace(const std::string& path, uint64_t& totalBlocks, uint64_t& freeBlocks,
                      uint64_t& fragmentSize) {
-  struct statvfs status{};
+  struct statvfs status = {};
   if (path.empty()) {
     errno = ENOENT;
     return false;

@@ -36,7 +36,7 @@ std::string firstFreeNumber(const std::string& head, const std::string& tail) {
 }
 
 bool hasReachedAge(int directory, const std::string& name, time_t now, uint64_t age) {
-  struct stat status{};
+  struct stat status = {};
   return fstatat(directory, name.c_str(), &status, 0) == 0 &&
          difftime(now, status.st_ctime) >= static_cast<double>(age);
 }

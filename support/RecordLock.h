@@ -9,7 +9,7 @@ namespace kst::support {
 /// grows, by a lock command of fcntl(2): F_SETLKW of the process, F_OFD_SETLK of the open file.
 /// False, with `errno`, EINTR included, if that fails.
 inline bool setRecordLock(int descriptor, int command, short type) {
-  struct flock lock{};
+  struct flock lock = {};
   lock.l_type = type;
   lock.l_whence = SEEK_SET;
   lock.l_pid = command == F_SETLKW ? getpid() : 0;

@@ -100,7 +100,7 @@ class Removal {
   /// Makes room for another descriptor.
   bool closeParent() {
     if (parent.isOpen()) {
-      struct stat status{};
+      struct stat status = {};
       if (fstat(parent.descriptor(), &status) != 0) {
         return false;
       }
@@ -115,7 +115,7 @@ class Removal {
   /// The way back up, if the directory above is still the one that it came from.
   bool openParent() {
     DirectoryStream found = openDirectory(here.descriptor(), "..");
-    struct stat status{};
+    struct stat status = {};
     if (!found.isOpen() || fstat(found.descriptor(), &status) != 0) {
       return false;
     }

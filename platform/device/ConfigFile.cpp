@@ -26,7 +26,7 @@ std::string configPath(const char* variable, const char* otherwise) {
 }
 
 std::vector<ConfigLine> readConfigFile(const std::string& path) {
-  struct stat status{};
+  struct stat status = {};
   if (stat(path.c_str(), &status) != 0) {
     return {};
   }

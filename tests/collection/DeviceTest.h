@@ -115,7 +115,7 @@ class DeviceTest : public FileSystemTest {
   }
 
   static struct stat statusOf(const std::string& path) {
-    struct stat status{};
+    struct stat status = {};
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
     return status;
   }

@@ -100,7 +100,7 @@ class FileSystemTest : public testing::Test {
   /// Takes a lock on the first byte behind `start`, or all of them, or gives it back. It is one of
   /// the open file: to record locks as good as another process's.
   static bool setLock(const kst::support::Descriptor& file, short type, off_t start = 0) {
-    struct flock lock{type, SEEK_SET, start, start == 0 ? 0 : 1, 0};
+    struct flock lock = {type, SEEK_SET, start, start == 0 ? 0 : 1, 0};
     return fcntl(file.get(), F_OFD_SETLK, &lock) == 0;
   }
 

@@ -31,7 +31,7 @@ TEST_F(LogDirectoryTest, FindsFreeNames) {
 TEST_F(LogDirectoryTest, PrunesByTheTimeOfTheLastStatusChange) {
   make("file dangling>none folder/file folder/dangling>none");
   std::filesystem::last_write_time(directory / "file", {});
-  struct stat status{};
+  struct stat status = {};
   ASSERT_EQ(stat((directory / "file").c_str(), &status), 0);
   const std::string before = tree();
   SystemCalls calls;

@@ -70,7 +70,8 @@ class ServiceTest : public testing::Test {
  protected:
   ServiceTest() {
     bus.start();
-    service.emplace(loop, dbus::kManager, [this](Call call) { handler(std::move(call)); }, [] {});
+    const auto perform = [this](Call call) { handler(std::move(call)); };
+    service.emplace(loop, dbus::kManager, perform, [] {});
   }
   ~ServiceTest() override { end(); }
 
